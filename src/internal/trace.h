@@ -1,0 +1,11 @@
+// Tracing with the place filled in. A source file that traces names its module in a string MODULE.
+#pragma once
+
+#include "qmx_trace.h"
+
+// The function traced is the one the macro stands in: keep it out of lambdas and helpers whose name the
+// reader of a trace would not know.
+#define TRACE(level, ...) QMX_Trace(MODULE, level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__)
+#define TRACE_ERROR(...) TRACE(QMX_TRACE_ERROR, __VA_ARGS__)
+#define TRACE_EVENT(...) TRACE(QMX_TRACE_EVENT, __VA_ARGS__)
+#define TRACE_VERBOSE(...) TRACE(QMX_TRACE_VERBOSE, __VA_ARGS__)

@@ -1,0 +1,11 @@
+// The subcommands. Each adds itself to the command line; its callback does the work.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+#include <string>
+
+// A command that cannot do its work: the message goes to standard error, the exit code is 1.
+struct CommandError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};

@@ -1,0 +1,26 @@
+// qmxutil: the library's families for a shell, on the host and on the device.
+#include <cstdio>
+#include <exception>
+
+#include "commands.h"
+#include "qmxutil_export.h"
+
+#define TEXT(x) #x
+#define VERSION(a, b, c) TEXT(a) "." TEXT(b) "." TEXT(c)
+
+int main(int argc, char** argv) {
+  CLI::App app{"Audio, video, text, INI, process and usage utilities."};
+  app.name("qmxutil");
+  app.require_subcommand(1);
+  app.set_version_flag(
+      "--version", "qmxutil " VERSION(QMXUTIL_VERSION_MAJOR, QMXUTIL_VERSION_MINOR, QMXUTIL_VERSION_PATCH));
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "qmxutil: %s\n", error.what());
+    return 1;
+  }
+  return 0;
+}
