@@ -33,13 +33,14 @@ fuzz:
 	@scripts/fuzz.sh build/fuzz/fuzz $(SECONDS_EACH)
 
 coverage:
-	@scripts/install-packages.sh build fuzz check
-	@scripts/coverage.sh
+	@scripts/install-packages.sh build check
+	$(call build,coverage)
+	@scripts/coverage.sh build/coverage
 
 valgrind:
 	@scripts/install-packages.sh build check
 	$(call build,debug)
-	@ctest --preset debug -j $(JOBS) -T memcheck --progress
+	@scripts/valgrind.sh build/debug
 
 docs:
 	@scripts/install-packages.sh docs
