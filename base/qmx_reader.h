@@ -25,17 +25,17 @@ typedef struct QMXReaderParam {
 
 /** What an open file carries. */
 typedef struct QMXReaderInfo {
-  uint32_t containerType; /**< 1: a one-byte metadata value is stored as a big-endian word */
-  uint8_t reserved4[12]; /**< the base library's own */
-  uint32_t metaPresent;     /**< nonzero when the file carries the metadata field */
-  uint32_t userDataPresent; /**< nonzero when the file carries user data records */
-  uint8_t reserved24[6436]; /**< the base library's own */
-  uint32_t durationMs; /**< length of the recording in milliseconds */
-  uint8_t reserved6464[4]; /**< the base library's own */
-  uint32_t userDataCount; /**< number of user data records */
-  uint8_t reserved6472[56]; /**< the base library's own */
-  uint32_t metaValue;  /**< current value of the metadata field */
-  uint32_t metaOffset; /**< byte offset of the metadata field from the start of the file */
+  uint32_t containerType;    /**< 1: a one-byte metadata value is stored as a big-endian word */
+  uint8_t reserved4[12];     /**< the base library's own */
+  uint32_t metaPresent;      /**< nonzero when the file carries the metadata field */
+  uint32_t userDataPresent;  /**< nonzero when the file carries user data records */
+  uint8_t reserved24[6436];  /**< the base library's own */
+  uint32_t durationMs;       /**< length of the recording in milliseconds */
+  uint8_t reserved6464[4];   /**< the base library's own */
+  uint32_t userDataCount;    /**< number of user data records */
+  uint8_t reserved6472[56];  /**< the base library's own */
+  uint32_t metaValue;        /**< current value of the metadata field */
+  uint32_t metaOffset;       /**< byte offset of the metadata field from the start of the file */
   uint8_t reserved6536[160]; /**< the base library's own */
 } QMXReaderInfo;
 
@@ -43,14 +43,14 @@ typedef struct QMXReaderInfo {
 
 /** A request for the next record of a stream. */
 typedef struct QMXReaderFrame {
-  uint8_t* data;      /**< in: where the record goes */
-  uint32_t reserved8; /**< in: 0 */
-  uint32_t capacity;  /**< in: room at `data` in bytes */
-  uint64_t timeMs;    /**< out: time of the record in milliseconds from the start of the recording */
+  uint8_t* data;          /**< in: where the record goes */
+  uint32_t reserved8;     /**< in: 0 */
+  uint32_t capacity;      /**< in: room at `data` in bytes */
+  uint64_t timeMs;        /**< out: time of the record in milliseconds from the start of the recording */
   uint8_t reserved24[12]; /**< the base library's own */
-  uint32_t reserved36; /**< in: 0 */
-  uint32_t kind;       /**< in: which stream, QMX_READER_KIND_USER_DATA */
-  uint32_t reserved44; /**< in: 0 */
+  uint32_t reserved36;    /**< in: 0 */
+  uint32_t kind;          /**< in: which stream, QMX_READER_KIND_USER_DATA */
+  uint32_t reserved44;    /**< in: 0 */
   uint8_t reserved48[16]; /**< the base library's own */
 } QMXReaderFrame;
 
