@@ -180,8 +180,8 @@ std::vector<std::string> RecordingBase::trace_texts() const {
 }
 
 void RecordingBase::clear_traces() {
-  for (TraceSlot& slot : trace_slots) slot.ready.store(false);
-  trace_count.store(0);
+  const size_t used = std::min(trace_count.exchange(0), trace_slots.size());
+  for (size_t i = 0; i < used; ++i) trace_slots[i].ready.store(false);
 }
 
 std::vector<std::string> RecordingBase::calls() const {

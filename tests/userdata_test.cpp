@@ -1,0 +1,439 @@
+// Recordings: user data, metadata, directory search, GPS positions.
+#include <sys/stat.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <optional>
+#include <random>
+
+#include "qmxutil_userdata.h"
+#include "recording_base.h"
+
+namespace {
+
+using qmxtest::GuardedBytes;
+using qmxtest::Op;
+using qmxtest::ReaderScript;
+using qmxtest::recording;
+using qmxtest::TempDir;
+using Texts = std::vector<std::string>;
+
+class UserDataTest : public qmxtest::BaseTest {};
+
+// A recording with a record at each of these times; a negative one cannot be read.
+ReaderScript recording_with(const std::vector<int64_t>& times, uint32_t duration_ms) {
+  ReaderScript script;
+  script.info.userDataPresent = 1;
+  script.info.userDataCount = static_cast<uint32_t>(times.size());
+  script.info.durationMs = duration_ms;
+  for (size_t i = 0; i < times.size(); ++i) {
+    script.records.push_back({times[i] < 0 ? -5 : 0, static_cast<uint64_t>(times[i]),
+                              "record " + std::to_string(i) + std::string(2000, 'x')});
+  }
+  return script;
+}
+
+// What the two read functions are to do, told record by record.
+struct Model {
+  enum State { kUnread, kGood, kBad };
+  std::vector<int64_t> times;
+  uint32_t duration_ms;
+  std::vector<State> states = std::vector<State>(times.size(), kUnread);
+  size_t asked = 0;
+  size_t cur = 0;
+  Texts traces = {};
+
+  State ask() {
+    const auto low = static_cast<uint32_t>(times[asked]);
+    states[asked] = times[asked] < 0 || low > INT32_MAX ? kBad : kGood;
+    return states[asked++];
+  }
+  std::optional<size_t> nothing(const std::string& trace) {
+    traces.push_back(trace);
+    return {};
+  }
+  std::optional<size_t> read(uint32_t second) {
+    const uint32_t ms = second * 1000;
+    const std::string text = std::to_string(static_cast<int>(second));
+    if (ms > duration_ms) {
+      return nothing(text + " second is over than total duration (" + std::to_string(duration_ms / 1000) +
+                     ").\n");
+    }
+    for (size_t i = 0; i < times.size(); ++i) {
+      if (i == asked && ask() == kBad) return nothing("Reading " + std::to_string(i) + "th data Failed.\n");
+      if (states[i] == kGood && static_cast<uint32_t>(times[i]) >= ms) return cur = i;
+    }
+    return nothing("No data matching with " + text + " sec.\n");
+  }
+  std::optional<size_t> read_next() {
+    const size_t next = asked == 0 ? 0 : cur + 1;
+    if (next == times.size()) return nothing("No more user data exist (end of data)\n");
+    cur = next;
+    if (next == asked) ask();
+    if (states[next] == kBad) return nothing("Reading " + std::to_string(next) + "th data Failed.\n");
+    return next;
+  }
+};
+
+TEST_F(UserDataTest, RandomRecordingsAndCallSequencesAgreeWithAModel) {
+  recording().use_guard_pages(false);
+  std::mt19937 random(81);
+  const auto below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  for (int round = 0; round < 4000; ++round) {
+    std::vector<int64_t> times(1 + below(12));
+    const bool sorted = below(2) == 0;
+    int64_t time = 0;
+    for (int64_t& t : times) {
+      time = sorted ? time + below(1500) : below(9000);
+      static constexpr int64_t kOdd[] = {0, -1, INT32_MAX, 0x80000000, 0xFFFFFFFF, 0x100000000 + 3000};
+      t = below(8) == 0 ? kOdd[below(std::size(kOdd))] : time;
+    }
+    static constexpr uint32_t kDurations[] = {0, 999, 8000, 12345, 0xFFFFFFFF};
+    const uint32_t duration = kDurations[below(std::size(kDurations))];
+    const ReaderScript script = recording_with(times, duration);
+    Model model{times, duration};
+    recording().clear_traces();
+    recording().clear_calls();
+    recording().program_reader(script);
+    const int32_t size = below(2) == 0 ? 1024 : static_cast<int32_t>(1 + below(1024));
+    UserDataHandle* const handle = QMXUtil_UserDataOpen("film", size);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(QMXUtil_UserDataCount(handle), static_cast<int>(times.size()));
+    const GuardedBytes out(static_cast<size_t>(size));
+    for (int call = 0; call < 30; ++call) {
+      std::memset(out.data(), '-', out.size());
+      const bool in_turn = below(2) == 0;
+      const uint32_t second = below(below(20) == 0 ? UINT32_MAX : 14);
+      const auto expected = in_turn ? model.read_next() : model.read(second);
+      const int result = in_turn ? QMXUtil_UserDataReadNext(handle, out.data())
+                                 : QMXUtil_UserDataRead(handle, second, out.data());
+      ASSERT_EQ(result, expected ? 1 : 0) << "round " << round << " call " << call;
+      ASSERT_EQ(
+          std::string(out.text(), out.size()),
+          expected ? script.records[*expected].data.substr(0, out.size()) : std::string(out.size(), '-'));
+      ASSERT_EQ(handle->cur, static_cast<int>(model.cur));
+      ASSERT_EQ(handle->loaded, static_cast<int>(model.asked));
+    }
+    EXPECT_EQ(recording().trace_texts(), model.traces);
+    EXPECT_EQ(recording().calls_of("ReaderReadFrame"),
+              Texts(model.asked, "ReaderReadFrame 3 " + std::to_string(size)));
+    for (size_t i = 0; i < times.size(); ++i) {
+      const int32_t time_ms = handle->index[i].timeMs;
+      EXPECT_EQ(time_ms < 0 ? Model::kBad : i < model.asked ? Model::kGood : Model::kUnread, model.states[i]);
+      if (model.states[i] != Model::kBad) {
+        EXPECT_EQ(time_ms, i < model.asked ? static_cast<int32_t>(times[i]) : 0);
+      }
+    }
+    QMXUtil_UserDataClose(handle);
+    ASSERT_EQ(recording().held(), 0);
+  }
+}
+
+TEST_F(UserDataTest, OpeningReservesAllMemoryAndClosingReturnsIt) {
+  recording().program_reader(recording_with({0, 1000, 2000}, 3000));
+  UserDataHandle* const handle = QMXUtil_UserDataOpen("film", 1024);
+  ASSERT_NE(handle, nullptr);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(handle->index[i].data, handle->buffer + i * 1024);
+  QMXUtil_UserDataClose(handle);
+  QMXUtil_UserDataClose(nullptr);
+  EXPECT_EQ(recording().calls(),
+            (Texts{"Malloc 6736 0", "ReaderOpen film", "ReaderGetInfo", "Malloc 524288 0", "Malloc 48 0",
+                   "ReaderClose", "Free", "Free", "Free"}));
+}
+
+TEST_F(UserDataTest, TheBlockIsCountedInStepsAndACountThatDoesNotFitIsRefused) {
+  const struct {
+    uint32_t count;
+    int32_t size;
+    std::string block;  // empty: refused before it is asked for
+  } cases[] = {
+      {1, 1, "524288"},       {512, 1024, "524288"},         {513, 1024, "1048576"},
+      {524289, 1, "1048576"}, {4193792, 1024, "4294443008"}, {4193793, 1024, ""},
+      {0xFFFFFFFF, 1024, ""}, {0x80000000, 2, ""},           {268435455, 1, "268435456"},
+      {268435456, 1, ""},  // the index
+  };
+  for (const auto& c : cases) {
+    ReaderScript script = recording_with({0}, 0);
+    script.info.userDataCount = c.count;
+    recording().program_reader(script);
+    recording().clear_calls();
+    recording().fail(Op::kMalloc, 2);
+    EXPECT_EQ(QMXUtil_UserDataOpen("film", c.size), nullptr);
+    Texts expected = {"Malloc 6736 0"};
+    if (!c.block.empty()) expected.push_back("Malloc " + c.block + " 0");
+    EXPECT_EQ(recording().calls_of("Malloc"), expected);
+    EXPECT_EQ(recording().held(), 0);
+  }
+  EXPECT_TRUE(recording().traces().empty());
+}
+
+TEST_F(UserDataTest, EveryStepOfOpeningThatFailsLeavesNothingHeld) {
+  const Texts not_opened = {"QMXReaderOpen ( film ) failed\n"};
+  const Texts no_data = {"There's no userdata in film file.\n"};
+  const struct {
+    Op op;
+    int nth;  // 0: none
+    uint32_t present;
+    uint32_t count;
+    Texts traces;
+  } cases[] = {{Op::kMalloc, 1, 1, 1, {}},
+               {Op::kMalloc, 2, 1, 1, {}},
+               {Op::kMalloc, 3, 1, 1, {}},
+               {Op::kReaderOpen, 1, 1, 1, not_opened},
+               {Op::kReaderGetInfo, 1, 1, 1, no_data},
+               {Op::kMalloc, 0, 0, 1, no_data},
+               {Op::kMalloc, 0, 1, 0, no_data}};
+  for (const auto& c : cases) {
+    ReaderScript script;
+    script.info.userDataPresent = c.present;
+    script.info.userDataCount = c.count;
+    recording().clear_traces();
+    recording().program_reader(script);
+    recording().fail(c.op, c.nth);
+    EXPECT_EQ(QMXUtil_UserDataOpen("film", 8), nullptr);
+    EXPECT_EQ(recording().trace_texts(), c.traces);
+    EXPECT_EQ(recording().held(), 0);
+  }
+}
+
+TEST_F(UserDataTest, ArgumentsOutOfRangeAreTracedUnderTheFunctionCalled) {
+  UserDataHandle handle = {};
+  char out = '-';
+  EXPECT_EQ(QMXUtil_UserDataOpen(nullptr, 8), nullptr);
+  for (const int32_t size : {1025, 0, INT32_MIN}) EXPECT_EQ(QMXUtil_UserDataOpen("film", size), nullptr);
+  EXPECT_EQ(QMXUtil_UserDataRead(nullptr, 0, &out), 0);
+  EXPECT_EQ(QMXUtil_UserDataRead(&handle, 0, nullptr), 0);
+  EXPECT_EQ(QMXUtil_UserDataReadNext(nullptr, &out), 0);
+  EXPECT_EQ(QMXUtil_UserDataReadNext(&handle, nullptr), 0);
+  EXPECT_EQ(QMXUtil_UserDataCount(nullptr), 0);
+  EXPECT_TRUE(recording().calls().empty());
+  Texts seen;
+  for (const auto& trace : recording().traces()) {
+    EXPECT_EQ(trace.module + " " + trace.file, "qmxutiluserdata qmxutil_userdata.cpp");
+    EXPECT_EQ(trace.level, 1);
+    const bool pointers = trace.format == "Invalid arguments (%x, %x) for user data\n";
+    seen.push_back(trace.function.substr(16) + (pointers ? "" : " " + trace.text));
+  }
+  EXPECT_EQ(seen, (Texts{"Open Invalid arguments ((null), 8) for user data\n",
+                         "Open Invalid arguments (film, 1025) for user data\n",
+                         "Open Invalid arguments (film, 0) for user data\n",
+                         "Open Invalid arguments (film, -2147483648) for user data\n", "Read", "Read",
+                         "ReadNext", "ReadNext", "Count Invalid arguments (0) for user data\n"}));
+}
+
+// ---- Metadata field
+
+class MetaDataTest : public qmxtest::BaseTest {
+ protected:
+  ReaderScript with_field(uint32_t container, uint32_t value, uint32_t offset) {
+    ReaderScript script;
+    script.info.containerType = container;
+    script.info.metaPresent = 1;
+    script.info.metaValue = value;
+    script.info.metaOffset = offset;
+    return script;
+  }
+  TempDir dir_;
+};
+
+TEST_F(MetaDataTest, AnUpdateChangesTheBytesOfTheFieldAndNoOther) {
+  struct Case {
+    int32_t type;
+    uint32_t container;
+    uint32_t value;
+    std::string bytes;
+  };
+  const Case cases[] = {{1, 1, 0x1FF, {"\0\0\0\xFF", 4}}, {1, 2, 0x1FF, "\xFF"},
+                        {1, 0, 0x12345678, "\x78"},       {2, 1, 0x1234, "\x34\x12"},
+                        {2, 2, 0x1234, "\x34\x12"},       {0, 1, 0xABCD5678, "\x78\x56"},
+                        {-1, 7, 0, {"\0\0", 2}}};
+  std::string content(300, '\0');
+  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + 1);
+  for (const Case& c : cases) {
+    for (const uint32_t offset : {0u, 7u, 299u}) {
+      const std::string path = dir_.write("film", content);
+      recording().program_reader(with_field(c.container, 0, offset));
+      recording().clear_calls();
+      EXPECT_EQ(QMXUtil_MetaDataUpdate(path.c_str(), c.type, c.value), 1);
+      std::string expected = content;
+      expected.replace(offset, c.bytes.size(), c.bytes);
+      EXPECT_EQ(qmxtest::read_file(path), expected);
+      EXPECT_EQ(recording().calls(),
+                (Texts{"ReaderOpen " + path, "ReaderGetInfo", "ReaderClose", "FileOpen " + path + " 0x8",
+                       "FileSeek " + std::to_string(offset) + " 0",
+                       "FileWrite " + std::to_string(c.bytes.size()), "FileClose"}));
+    }
+  }
+}
+
+TEST_F(MetaDataTest, ReadingGivesTheLowByteForTypeOneAndAllBitsOtherwise) {
+  recording().program_reader(with_field(1, 0x89AB1234, 0));
+  EXPECT_EQ(QMXUtil_MetaDataRead("film", 1), 0x34u);
+  for (const int32_t type : {2, 0, -1}) EXPECT_EQ(QMXUtil_MetaDataRead("film", type), 0x89AB1234u);
+  EXPECT_TRUE(recording().traces().empty());
+}
+
+TEST_F(MetaDataTest, EveryFailureIsTracedAndLeavesTheFileAlone) {
+  const std::string path = dir_.write("film", "content");
+  const struct {
+    Op op;
+    int nth;  // 0: none
+    const char* path;
+    uint32_t present;
+    bool reads_too;
+    std::string trace;
+  } cases[] = {
+      {Op::kReaderOpen, 0, nullptr, 1, true, "NULL arguments!\n"},
+      {Op::kReaderOpen, 1, path.c_str(), 1, true, "QMXReaderOpen ( " + path + " ) failed\n"},
+      {Op::kReaderGetInfo, 1, path.c_str(), 1, true, "There's no data in " + path + " file.\n"},
+      {Op::kReaderGetInfo, 0, path.c_str(), 0, true, "There's no data in " + path + " file.\n"},
+      {Op::kFileOpen, 1, path.c_str(), 1, false, "open (" + path + ") failed!\n"},
+      {Op::kFileSeek, 1, path.c_str(), 1, false, "seek (" + path + ", -2) failed!\n"},
+  };
+  for (const auto& c : cases) {
+    ReaderScript script = with_field(1, 5, 0xFFFFFFFE);
+    script.info.metaPresent = c.present;
+    recording().program_reader(script);
+    recording().clear_traces();
+    Texts expected = {"QMXUtil_MetaDataUpdate: " + c.trace};
+    recording().fail(c.op, c.nth);
+    EXPECT_EQ(QMXUtil_MetaDataUpdate(c.path, 1, 9), 0);
+    if (c.reads_too) {
+      recording().fail(c.op, c.nth);
+      EXPECT_EQ(QMXUtil_MetaDataRead(c.path, 1), 0u);
+      expected.push_back("QMXUtil_MetaDataRead: " + c.trace);
+    }
+    Texts seen;
+    for (const auto& trace : recording().traces()) seen.push_back(trace.function + ": " + trace.text);
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(recording().held(), 0);
+    EXPECT_EQ(qmxtest::read_file(path), "content");
+  }
+}
+
+// ---- Directory search
+
+class FileSearchTest : public ::testing::Test {
+ protected:
+  void make(const std::string& path) { std::filesystem::create_directories(dir_.file(path)); }
+  // The path found, below the test's folder, or "-".
+  std::string search(const std::string& dir, const std::string& name) {
+    char out[128] = "-";
+    const int found = QMXUtil_FileSearch(dir.c_str(), name.c_str(), out, sizeof out);
+    EXPECT_EQ(found, out[0] == '-' ? 0 : 1);
+    EXPECT_EQ(QMXUtil_FileSearch(dir.c_str(), name.c_str(), nullptr, 0), found);
+    return out;
+  }
+  void SetUp() override { std::filesystem::current_path(dir_.path()); }
+  void TearDown() override { std::filesystem::current_path("/"); }
+  TempDir dir_;
+};
+
+TEST_F(FileSearchTest, TheFirstSubdirectoryThatHasTheEntryIsFound) {
+  EXPECT_EQ(search(dir_.path(), "x"), "-");
+  make("a/deeper/only");
+  make("b/wanted");
+  dir_.write("wanted", "not in a subdirectory");
+  EXPECT_EQ(search(dir_.path(), "wanted"), dir_.file("b/wanted"));
+  EXPECT_EQ(search(dir_.path() + "/", "wanted"), dir_.file("b/wanted"));
+  EXPECT_EQ(search(".", "wanted"), "./b/wanted");
+  EXPECT_EQ(search(dir_.path(), "only"), "-");
+  EXPECT_EQ(search(dir_.file("none"), "wanted"), "-");
+  EXPECT_EQ(search("", "wanted"), "-");
+  EXPECT_EQ(QMXUtil_FileSearch(nullptr, "wanted", nullptr, 0), 0);
+  EXPECT_EQ(QMXUtil_FileSearch(".", nullptr, nullptr, 0), 0);
+  char cut[9] = "--------";
+  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, 6), 1);
+  EXPECT_EQ(std::string(cut, 8), std::string("./b/w\0--", 8));
+  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, 0), 1);
+  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, -1), 1);
+  EXPECT_EQ(cut[0], '.');
+}
+
+TEST_F(FileSearchTest, NoNameRunsAnythingOrIsTakenForAnOption) {
+  for (const std::string name : {"a b", "$(touch ran)", "`touch ran`", "a;touch ran", "a'b'c", "a\"b", "*",
+                                 "a\\b", "-delete", "(", "!", ",", ")", "-", "~", "#x"}) {
+    make(name + "/sub/wanted");
+    const std::string found = search(name, "wanted");
+    EXPECT_TRUE(found == name + "/sub/wanted" || found == "./" + name + "/sub/wanted") << found;
+  }
+  EXPECT_FALSE(std::filesystem::exists("ran"));
+  // A newline in the name of a subdirectory does not lead out of the directory.
+  make("lines/x\nelse");
+  make("else/wanted");
+  EXPECT_EQ(search("lines", "wanted"), "-");
+}
+
+TEST_F(FileSearchTest, LimitsOfPathsAndCommand) {
+  const std::string s62 = "d/" + std::string(60, 's');
+  make(s62 + "s/wanted");
+  EXPECT_EQ(search("d", "wanted"), "-") << "63 bytes";
+  make(s62 + "/wanted");
+  EXPECT_EQ(search("d", "wanted"), s62 + "/wanted");
+  const std::string n64(64, 'n');
+  make(s62 + "/" + n64);
+  EXPECT_EQ(search("d", n64), s62 + "/" + n64);
+  EXPECT_EQ(search("d", n64 + "n"), "-") << "its cut path is there";
+  EXPECT_EQ(search(std::string(4000, '\''), "wanted"), "-");
+}
+
+TEST_F(FileSearchTest, ThirtyTwoSubdirectoriesAreTriedAndTheRestReadAway) {
+  for (int i = 0; i < 40; ++i) make("many/" + std::to_string(i) + "/only" + std::to_string(i));
+  int found = 0;  // which ones is the directory's order
+  for (int i = 0; i < 40; ++i)
+    found += QMXUtil_FileSearch("many", ("only" + std::to_string(i)).c_str(), nullptr, 0);
+  EXPECT_EQ(found, 32);
+}
+
+// ---- GPS
+
+int32_t saturated(double value) {
+  if (std::isnan(value)) return 0;
+  return static_cast<int32_t>(std::clamp(std::trunc(value), -2147483648.0, 2147483647.0));
+}
+
+// Each step in double precision, rounded to single: the same as single precision throughout.
+float model_degrees(float value, bool positive) {
+  const auto degrees = static_cast<float>(saturated(static_cast<float>(double{value} / 100)));
+  const auto minutes = static_cast<float>(std::fmod(double{value}, 100.0));
+  const auto fraction = static_cast<float>(double{minutes} / 60);
+  const auto sum = static_cast<float>(double{degrees} + double{fraction});
+  return positive || sum == 0 ? sum : -sum;
+}
+
+void expect_point(uint8_t north, uint8_t east, float latitude, float longitude) {
+  const auto same = [](float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); };
+  const GpsMapPoint point = QMXUtil_GPSConvToMap(north, east, latitude, longitude);
+  const float expected[] = {model_degrees(latitude, north != 0), model_degrees(longitude, east != 0)};
+  EXPECT_TRUE(same(point.latitude, expected[0]) || (std::isnan(point.latitude) && std::isnan(expected[0])));
+  EXPECT_TRUE(same(point.longitude, expected[1]) || (std::isnan(point.longitude) && std::isnan(expected[1])));
+  EXPECT_EQ(point.latitudeE5, saturated(static_cast<float>(double{expected[0]} * 100000))) << latitude;
+  EXPECT_EQ(point.longitudeE5, saturated(static_cast<float>(double{expected[1]} * 100000))) << longitude;
+}
+
+TEST(GpsTest, EveryStepIsInSinglePrecisionAndNoConversionIsUndefined) {
+  const GpsMapPoint point = QMXUtil_GPSConvToMap(0, 7, 4530.0F, 100.0F);
+  EXPECT_EQ(point.latitude, -45.5F);
+  EXPECT_EQ(point.latitudeE5, -4550000);
+  EXPECT_EQ(point.longitude, 1.0F);
+  EXPECT_EQ(point.longitudeE5, 100000);
+  EXPECT_FALSE(std::signbit(QMXUtil_GPSConvToMap(0, 0, 0.0F, -0.0F).latitude));
+  using Limits = std::numeric_limits<float>;
+  for (const float value : {Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), Limits::max(),
+                            Limits::lowest(), Limits::denorm_min(), 0.0F, -0.0F, 2147483.648F, 2.2e11F}) {
+    for (const uint8_t flag : {uint8_t{0}, uint8_t{1}, uint8_t{255}}) expect_point(flag, flag, value, -value);
+  }
+  std::mt19937 random(83);
+  std::uniform_real_distribution<float> sentence(0.0F, 18000.0F);
+  const auto any = [&] { return std::bit_cast<float>(static_cast<uint32_t>(random())); };
+  for (int i = 0; i < 100000; ++i) {
+    const auto flag = static_cast<uint8_t>(i & 1);
+    expect_point(flag, i % 3 == 0, sentence(random), sentence(random));
+    expect_point(flag, i % 3 == 0, any(), any());
+  }
+}
+
+}  // namespace
