@@ -128,9 +128,10 @@ QMX_API int QMXUtil_MetaDataUpdate(const char* path, int32_t metaType, uint32_t 
  * Finds the first subdirectory of a directory that contains an entry of a given name.
  *
  * Runs `find` in a shell and tries at most 32 subdirectories, in the order it lists them, which is the
- * directory's own. A subdirectory whose path is longer than 62 bytes, or has a newline in it, is passed over. The directory is quoted, so that nothing in its name is taken for shell syntax or for an
- * option (to that end one that begins with '-', '(', ')', '!' or ',' gets "./" in front). A directory whose
- * command would be longer than 127 bytes is refused, and an entry whose path would be is not found.
+ * directory's own. A subdirectory whose path is longer than 62 bytes, or has a newline in it, is passed over.
+ * The directory is quoted, so that nothing in its name is taken for shell syntax or for an option (to that
+ * end one that begins with '-', '(', ')', '!' or ',' gets "./" in front). A directory whose command would be
+ * longer than 127 bytes is refused, and an entry whose path would be is not found.
  *
  * Any thread; blocks until the command has ended.
  *
