@@ -9,3 +9,5 @@
 struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+void add_userdata_commands(CLI::App& app);
