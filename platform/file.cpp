@@ -1,5 +1,9 @@
 // Files: standard I/O streams over descriptors that no started program inherits.
 //
+// Reading. A reader of frames takes a block, finds the frame's end in it and seeks back to there. A buffer of
+// several blocks makes most of those seeks a move within the buffer, and reads of a byte cheap. Larger reads
+// pass the buffer by.
+//
 // Replacing a file's content. The usual caller opens the file, takes a lock on it, writes the new text,
 // releases the lock, syncs and closes. Another process that reads under the same lock must find the old text
 // or the new one, and the old one is to survive a full disk. So:
@@ -13,7 +17,9 @@
 // - A new file that is renamed over the old one would be more robust against a power failure, but a lock
 //   belongs to the file and not to its name: those who wait for it would come to hold the lock of a file
 //   that is no longer there.
-// - A stream that nothing was written to is cut at close all the same; that is an empty file asked for.
+// - A stream that QMX_FileWrite() was not called on is cut at close: to nothing, or to what fputs() wrote.
+#include "qmx_file.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -23,46 +29,62 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "qmx_file.h"
-
 namespace {
 
 constexpr mode_t kPermissions = 0666;  // less the umask
+constexpr size_t kReadBuffer = 32 * 1024;
 
-// Streams whose old content is still to go. A stream has no room for a mark of ours.
-struct Replacing {
+// What a stream carries beyond stdio's own, which has no room for it.
+struct Extra {
   FILE* stream;
-  bool write_failed;  // the old content stays if it ends so
-  Replacing* next;
+  Extra* next;
+  bool replacing;     // the old content is still to go
+  bool write_failed;  // and stays if it ends so
 };
-constinit Replacing* all_replacing = nullptr;
-constinit pthread_mutex_t replacing_lock = PTHREAD_MUTEX_INITIALIZER;
+constinit Extra* all_extras = nullptr;
+constinit pthread_mutex_t extras_lock = PTHREAD_MUTEX_INITIALIZER;
 
-bool add_replacing(FILE* stream) {
-  auto* const entry = static_cast<Replacing*>(std::malloc(sizeof(Replacing)));
-  if (entry == nullptr) return false;
-  pthread_mutex_lock(&replacing_lock);
-  *entry = {stream, false, all_replacing};
-  all_replacing = entry;
-  pthread_mutex_unlock(&replacing_lock);
-  return true;
+Extra* add_extra(FILE* stream, size_t room_behind) {
+  auto* const extra = static_cast<Extra*>(std::malloc(sizeof(Extra) + room_behind));
+  if (extra == nullptr) return nullptr;
+  pthread_mutex_lock(&extras_lock);
+  *extra = {stream, all_extras, false, false};
+  all_extras = extra;
+  pthread_mutex_unlock(&extras_lock);
+  return extra;
 }
 
-Replacing* find_replacing(const FILE* stream) {
-  pthread_mutex_lock(&replacing_lock);
-  Replacing* entry = all_replacing;
-  while (entry != nullptr && entry->stream != stream) entry = entry->next;
-  pthread_mutex_unlock(&replacing_lock);
-  return entry;
+Extra* find_extra(const FILE* stream) {
+  pthread_mutex_lock(&extras_lock);
+  Extra* extra = all_extras;
+  while (extra != nullptr && extra->stream != stream) extra = extra->next;
+  pthread_mutex_unlock(&extras_lock);
+  return extra;
 }
 
-void remove_replacing(Replacing* removed) {
-  pthread_mutex_lock(&replacing_lock);
-  Replacing** link = &all_replacing;
+void unlink_extra(Extra* removed) {
+  pthread_mutex_lock(&extras_lock);
+  Extra** link = &all_extras;
   while (*link != removed) link = &(*link)->next;
   *link = removed->next;
-  pthread_mutex_unlock(&replacing_lock);
-  std::free(removed);
+  pthread_mutex_unlock(&extras_lock);
+}
+
+// Sets a stream up for its mode, before anything is done with it.
+bool prepare(FILE* stream, uint32_t mode) {
+  if (mode == QMX_FILE_READ) {
+    Extra* const extra = add_extra(stream, kReadBuffer);
+    return extra != nullptr &&
+           std::setvbuf(stream, reinterpret_cast<char*>(extra + 1), _IOFBF, kReadBuffer) == 0;
+  }
+  if (mode == QMX_FILE_REPLACE) {
+    Extra* const extra = add_extra(stream, 0);
+    if (extra == nullptr) return false;
+    extra->replacing = true;
+  }
+  // Blocks go to the kernel in one piece. Only what is put together line by line is collected first.
+  if (mode != QMX_FILE_CREATE) std::setvbuf(stream, nullptr, _IONBF, 0);
+  return true;
 }
 
 // Makes room for a text that ends at `end`, before the old one is written over.
@@ -85,18 +107,21 @@ int64_t write_through(FILE* stream, const void* buffer, int64_t count) {
   return std::fflush(stream) == 0 ? static_cast<int64_t>(written) : -1;
 }
 
-int64_t replace(Replacing* replacing, FILE* stream, const void* buffer, int64_t count) {
-  const int fd = fileno(stream);
+// Ends the file where the stream is.
+void drop_old_content(Extra& extra) {
+  [[maybe_unused]] const int cut =
+      ftruncate(fileno(extra.stream), ftello(extra.stream));  // a device has no end
+  extra.replacing = false;
+}
+
+int64_t replace(Extra& extra, const void* buffer, int64_t count) {
+  FILE* const stream = extra.stream;
   int64_t written = -1;
-  if (std::fflush(stream) == 0 && room_is_there(fd, ftello(stream) + count)) {
+  if (std::fflush(stream) == 0 && room_is_there(fileno(stream), ftello(stream) + count)) {
     written = write_through(stream, buffer, count);
   }
-  if (written != count) {
-    replacing->write_failed = true;
-    return written;
-  }
-  [[maybe_unused]] const int cut = ftruncate(fd, ftello(stream));  // what is no regular file has no end
-  remove_replacing(replacing);
+  extra.write_failed = written != count;
+  if (!extra.write_failed) drop_old_content(extra);
   return written;
 }
 
@@ -134,11 +159,8 @@ FILE* QMX_FileOpen(const char* path, uint32_t mode) {
     close(fd);
     return nullptr;
   }
-  // Blocks go straight between the caller's buffer and the kernel, and a seek is one system call that reads
-  // nothing ahead. Only what is put together line by line is collected.
-  if (mode != QMX_FILE_CREATE) std::setvbuf(stream, nullptr, _IONBF, 0);
-  if (mode == QMX_FILE_REPLACE && !add_replacing(stream)) {
-    std::fclose(stream);
+  if (!prepare(stream, mode)) {
+    QMX_FileClose(stream);
     errno = ENOMEM;
     return nullptr;
   }
@@ -157,7 +179,8 @@ int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
   if (count < 0) count = 0;
-  if (Replacing* const replacing = find_replacing(stream)) return replace(replacing, stream, buffer, count);
+  Extra* const extra = find_extra(stream);
+  if (extra != nullptr && extra->replacing) return replace(*extra, buffer, count);
   return write_through(stream, buffer, count);
 }
 
@@ -167,11 +190,12 @@ int QMX_FileSync(FILE* stream) {
 }
 
 int QMX_FileClose(FILE* stream) {
-  if (Replacing* const replacing = find_replacing(stream)) {
-    const bool cut = std::fflush(stream) == 0 && !replacing->write_failed;
-    if (cut) [[maybe_unused]]
-      const int done = ftruncate(fileno(stream), ftello(stream));
-    remove_replacing(replacing);
+  Extra* const extra = find_extra(stream);
+  if (extra != nullptr) {
+    if (extra->replacing && !extra->write_failed && std::fflush(stream) == 0) drop_old_content(*extra);
+    unlink_extra(extra);  // before another stream can be at the same address
   }
-  return std::fclose(stream);
+  const int result = std::fclose(stream);
+  std::free(extra);
+  return result;
 }
