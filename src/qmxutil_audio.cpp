@@ -1,6 +1,7 @@
 // Audio stream headers: MP3 frame headers and the search for them, AAC configuration, samples per frame.
 #include "qmxutil_audio.h"
 
+#include <array>
 #include <cstring>
 #include <iterator>
 #include <optional>
@@ -8,14 +9,14 @@
 #include "internal/trace.h"
 
 // ISO/IEC 11172-3, 2.4.2.3 and ISO/IEC 13818-3, 2.4.2.3; the last row is MPEG-2.5.
-constinit const uint32_t MP3SampleRate[9] = {
+constexpr uint32_t MP3SampleRate[9] = {
     44100, 48000, 32000,  //
     22050, 24000, 16000,  //
     11025, 12000, 8000,
 };
 
 // ISO/IEC 11172-3, 2.4.2.3 and ISO/IEC 13818-3, 2.4.2.3.
-constinit const uint32_t MP3Bitrate[2][3][16] = {
+constexpr uint32_t MP3Bitrate[2][3][16] = {
     {{0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 0},
      {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 0},
      {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 0}},
@@ -24,11 +25,11 @@ constinit const uint32_t MP3Bitrate[2][3][16] = {
      {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160, 0}},
 };
 
-constinit const uint32_t MP3SampleNum[8] = {0, 384, 1152, 1152, 0, 384, 1152, 576};
+constexpr uint32_t MP3SampleNum[8] = {0, 384, 1152, 1152, 0, 384, 1152, 576};
 
 // ISO/IEC 14496-3, 1.6.3.4.
-constinit const uint32_t AACSampleRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
-                                               24000, 22050, 16000, 12000, 11025, 8000};
+constexpr uint32_t AACSampleRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
+                                         24000, 22050, 16000, 12000, 11025, 8000};
 
 namespace {
 
@@ -56,23 +57,41 @@ bool is_accepted(uint32_t header) {
 }
 
 // Bit 20 is 0 for MPEG-2.5; bit 19 tells MPEG-1 from MPEG-2.
-uint32_t is_mpeg25(uint32_t header) { return bits(header, 20, 1) ^ 1; }
-uint32_t is_lsf(uint32_t header) { return is_mpeg25(header) | (bits(header, 19, 1) ^ 1); }
-uint32_t sample_rate_index(uint32_t header) {
+constexpr uint32_t is_mpeg25(uint32_t header) { return bits(header, 20, 1) ^ 1; }
+constexpr uint32_t is_lsf(uint32_t header) { return is_mpeg25(header) | (bits(header, 19, 1) ^ 1); }
+constexpr uint32_t sample_rate_index(uint32_t header) {
   return (is_lsf(header) + is_mpeg25(header)) * 3 + bits(header, 10, 2);
 }
 
-// Bytes of a Layer III frame without its header.
-uint32_t layer3_frame_size(uint32_t header) {
-  const uint32_t bitrate_index = bits(header, 12, 4);
-  const uint32_t rate_index = sample_rate_index(header);
-  if (bitrate_index == 0 || rate_index == kReservedSampleRate) return 0;
-  const uint32_t lsf = is_lsf(header);
-  return MP3Bitrate[lsf][kLayer3 - 1][bitrate_index] * 144000 / (MP3SampleRate[rate_index] << lsf) +
-         bits(header, 9, 1) - kHeaderBytes;
+// Bytes of a Layer III frame with its header, before padding: the walk from frame to frame looks them up by
+// the version, bitrate_index and sampling_frequency bits of a header instead of dividing.
+constexpr uint32_t frame_length_index(uint32_t header) {
+  return bits(header, 19, 2) << 6 | bits(header, 10, 6);
 }
 
-uint32_t layer3_frame_length(uint32_t header) { return layer3_frame_size(header) + kHeaderBytes; }
+constexpr auto kFrameLengths = [] {
+  std::array<uint16_t, 256> lengths{};
+  for (uint32_t version = 0; version < 4; ++version) {
+    for (uint32_t code = 0; code < 64; ++code) {
+      const uint32_t header = version << 19 | code << 10;
+      const uint32_t rate_index = sample_rate_index(header), lsf = is_lsf(header);
+      if (rate_index == kReservedSampleRate) continue;
+      lengths[frame_length_index(header)] = static_cast<uint16_t>(
+          MP3Bitrate[lsf][kLayer3 - 1][bits(header, 12, 4)] * 144000 / (MP3SampleRate[rate_index] << lsf));
+    }
+  }
+  return lengths;
+}();
+
+uint32_t layer3_frame_length(uint32_t header) {
+  return kFrameLengths[frame_length_index(header)] + bits(header, 9, 1);
+}
+
+// The same without the header; 0 where there is no length to tell.
+uint32_t layer3_frame_size(uint32_t header) {
+  const bool unknown = bits(header, 12, 4) == 0 || sample_rate_index(header) == kReservedSampleRate;
+  return unknown ? 0 : layer3_frame_length(header) - kHeaderBytes;
+}
 
 uint32_t layer3_samples(uint32_t header) { return MP3SampleNum[is_lsf(header) * 4 + kLayer3]; }
 
@@ -99,10 +118,9 @@ struct Search {
   bool found;
 };
 
-// A frame needs more than the four bytes of its header, so the search ends at the last four.
-Search find_frame(const uint8_t* data, uint32_t length) {
-  if (length <= kHeaderBytes) return {data, false};
-  if (is_accepted(load_header(data))) return {data, true};
+// Scans from the second byte on. A frame needs more than the four bytes of its header, so the search ends at
+// the last four.
+Search find_confirmed_frame(const uint8_t* data, uint32_t length) {
   const uint8_t* const last = data + (length - kHeaderBytes);
   for (const uint8_t* position = data + 1;; ++position) {
     position = find_sync_byte(position, last);
@@ -111,6 +129,12 @@ Search find_frame(const uint8_t* data, uint32_t length) {
     const auto confirmed = is_confirmed(position, length - static_cast<uint32_t>(position - data));
     if (confirmed.value_or(true)) return {position, confirmed.has_value()};
   }
+}
+
+Search find_frame(const uint8_t* data, uint32_t length) {
+  if (length <= kHeaderBytes) return {data, false};
+  if (is_accepted(load_header(data))) return {data, true};
+  return find_confirmed_frame(data, length);
 }
 
 }  // namespace
@@ -147,8 +171,10 @@ uint32_t UtilDecode_mp3header(MP3HeaderInfo* out, uint32_t header) {
 const uint8_t* QMXUtil_GetMP3Frame(const uint8_t** data, uint32_t* remaining, uint32_t* frameLength,
                                    uint32_t* samplesPerFrame) {
   const Search search = find_frame(*data, *remaining);
-  *remaining -= static_cast<uint32_t>(search.position - *data);
-  *data = search.position;
+  if (search.position != *data) {
+    *remaining -= static_cast<uint32_t>(search.position - *data);
+    *data = search.position;
+  }
   if (!search.found) return nullptr;
   const uint32_t header = load_header(search.position);
   if (frameLength != nullptr) *frameLength = layer3_frame_length(header);
