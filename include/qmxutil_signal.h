@@ -24,7 +24,7 @@ typedef void (*QMXSignalHandler)(int sig);
  * Any thread may call it; calls for one and the same signal must not overlap. Not from a signal handler.
  * Never blocks.
  *
- * @param sig      signal number, 1 to 33
+ * @param sig      signal number, 1 to 31 (the C library keeps 32 and 33 for itself)
  * @param handler  the handler
  * @return 0, or -1 (traced at level 1, the earlier action still in force) when the number is no signal of the
  *         table or its action cannot be changed (SIGKILL, SIGSTOP).
@@ -37,7 +37,7 @@ QMX_API int QMXUtil_RegSigHandler(int sig, QMXSignalHandler handler);
  * Any thread may call it; calls for one and the same signal must not overlap. Not from a signal handler.
  * Never blocks.
  *
- * @param sig  signal number, 1 to 33
+ * @param sig  signal number, 1 to 31 (the C library keeps 32 and 33 for itself)
  * @return 0, or -1 (traced at level 1) when the number is no signal of the table or its action cannot be
  * changed.
  */

@@ -65,7 +65,7 @@ TEST_F(SignalTest, TheEmptyHandlerInterruptsABlockingCall) {
 }
 
 TEST_F(SignalTest, RefusedNumbersAreTracedAndChangeNothing) {
-  for (const int sig : {SIGKILL, SIGSTOP, 0, -1, 34, 35, 64, 1000, INT32_MIN, INT32_MAX}) {
+  for (const int sig : {SIGKILL, SIGSTOP, 32, 33, 0, -1, 34, 35, 64, 1000, INT32_MIN, INT32_MAX}) {
     qmxtest::recording().clear_traces();
     EXPECT_EQ(QMXUtil_RegSigHandler(sig, handler_a), -1) << sig;
     EXPECT_EQ(QMXUtil_UnRegSigHandler(sig), -1) << sig;

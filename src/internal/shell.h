@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 namespace qmxutil {
 
@@ -27,6 +28,17 @@ inline bool quote_for_shell(const char* word, char* out, size_t size) {
   if (length == size) return false;
   out[length] = '\0';
   return true;
+}
+
+// Room for what quote_name() makes of a command in `size` bytes: each byte of a name can become four.
+constexpr size_t quoted_size(size_t size) { return 4 * size + 3; }
+
+// Copies a command whose first `tool_length` bytes are a tool and a blank, the rest the name that it is run
+// for, with the name as one shell word.
+template <size_t size>
+void quote_name(const char (&command)[size], size_t tool_length, char (&quoted)[quoted_size(size)]) {
+  std::memcpy(quoted, command, tool_length);
+  quote_for_shell(command + tool_length, quoted + tool_length, sizeof quoted - tool_length);
 }
 
 enum class Line { kEnd, kWhole, kCut };

@@ -1,0 +1,316 @@
+// Process control: real children, and tools of our own in place of pidof and which.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <filesystem>
+#include <random>
+
+#include "qmxutil_process.h"
+#include "qmxutil_signal.h"
+#include "recording_base.h"
+#include "replacement_tools.h"
+
+namespace {
+bool settle = false;  // waitpid() begins when the child has ended, so that looking once finds it so
+}
+
+extern "C" pid_t waitpid(pid_t pid, int* status, int options) {
+  siginfo_t info;
+  if (settle) waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+  return static_cast<pid_t>(syscall(SYS_wait4, pid, status, options, nullptr));
+}
+
+namespace {
+
+using qmxtest::recording;
+
+size_t open_descriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+// Some emulators run the child of posix_spawn() in a copy of the memory, where its exec cannot tell why it
+// failed.
+bool exec_failure_is_told() {
+  char name[] = "/nowhere";
+  char* const argv[] = {name, nullptr};
+  pid_t child;
+  if (posix_spawn(&child, name, nullptr, nullptr, argv, environ) != 0) return true;
+  waitpid(child, nullptr, 0);
+  return false;
+}
+
+class ProcessTest : public qmxtest::BaseTest {
+ protected:
+  void TearDown() override {
+    BaseTest::TearDown();
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
+    EXPECT_EQ(open_descriptors(), descriptors_) << "a descriptor was left open";
+  }
+  const qmxtest::ReplacementTools tools_;
+  const size_t descriptors_ = open_descriptors();
+};
+
+struct Message {
+  int level;
+  std::string text;
+};
+
+void expect_messages(const std::string& function, const std::vector<Message>& expected) {
+  const auto traces = recording().traces();
+  ASSERT_EQ(traces.size(), expected.size()) << function;
+  for (size_t i = 0; i < traces.size(); ++i) {
+    EXPECT_EQ(traces[i].text, expected[i].text);
+    EXPECT_EQ(traces[i].level, expected[i].level) << traces[i].text;
+    EXPECT_EQ(traces[i].function, function);
+    EXPECT_EQ(traces[i].module, "qmxutil_proc");
+    EXPECT_EQ(traces[i].file, "qmxutil_process.cpp");
+  }
+  recording().clear_traces();
+}
+
+TEST_F(ProcessTest, RunExTellsHowTheProgramEnded) {
+  const char kill_self[] = "-c kill${IFS}-9${IFS}$$";
+  for (const auto& [path, args, code, waited, looked] :
+       {std::tuple{"/bin/true", "", 0, Message{2, "Process exited with status 0\n"},
+                   Message{1, "Process already exited with status 0\n"}},
+        {"/bin/false",
+         "",
+         1,
+         {2, "Process exited with status 1\n"},
+         {1, "Process already exited with status 1\n"}},
+        {"/bin/sh",
+         "-c exit\t255",
+         255,
+         {2, "Process exited with status 255\n"},
+         {1, "Process already exited with status 255\n"}},
+        {"/bin/sh",
+         kill_self,
+         -1,
+         {1, "Process terminated by signal 9\n"},
+         {1, "Process terminated by signal 9\n"}}}) {
+    EXPECT_EQ(QMXUtil_ProcessRunEx(path, args, 1), code);
+    expect_messages("QMXUtil_ProcessRunEx", {waited});
+    settle = true;
+    EXPECT_EQ(QMXUtil_ProcessRunEx(path, args, 0), code);
+    settle = false;
+    expect_messages("QMXUtil_ProcessRunEx", {looked});
+  }
+  EXPECT_EQ(QMXUtil_ProcessRunEx(nullptr, "", 1), -1);
+  expect_messages("QMXUtil_ProcessRunEx", {{1, "Invalid path\n"}});
+  if (!exec_failure_is_told()) return;
+  EXPECT_EQ(QMXUtil_ProcessRunEx("true", nullptr, 1), ENOENT) << "no search path";
+  expect_messages("QMXUtil_ProcessRunEx", {{1, "posix_spawn failed: 2\n"}});
+}
+
+TEST_F(ProcessTest, RunExSplitsItsArgumentsAtBlanksOnly) {
+  const std::string program = tools_.tool("show", "for a; do printf '%s|' \"$a\"; done >\"${0%/*}/seen\"");
+  const auto seen = [&](const char* args) {
+    EXPECT_EQ(QMXUtil_ProcessRunEx(program.c_str(), args, 1), 0);
+    return qmxtest::read_file(tools_.dir().file("seen"));
+  };
+  EXPECT_EQ(seen(nullptr), "");
+  EXPECT_EQ(seen(""), "");
+  EXPECT_EQ(seen("    "), "");
+  EXPECT_EQ(seen("  -a   -b  "), "-a|-b|");
+  EXPECT_EQ(seen("a\tb 'c d' $HOME \\"), "a\tb|'c|d'|$HOME|\\|");
+  std::string words, thirty;
+  for (int i = 0; i < 40; ++i) {
+    const std::string word(1 + i % 3, static_cast<char>('!' + i));
+    words.append(" ").append(word);
+    if (i < 30) thirty.append(word).append("|");
+  }
+  EXPECT_EQ(seen(words.c_str()), thirty);
+  EXPECT_EQ(seen(("a " + std::string(600, 'x')).c_str()), "a|" + std::string(509, 'x') + "|");
+}
+
+TEST_F(ProcessTest, AProgramThatIsNotWaitedForIsItsStartersToReap) {
+  const int child = QMXUtil_ProcessRunEx("/bin/sleep", "100", 0);
+  ASSERT_GT(child, 0);
+  expect_messages("QMXUtil_ProcessRunEx",
+                  {{1, "Process still running: pid=" + std::to_string(child) + "\n"}});
+  EXPECT_EQ(QMXUtil_ProcessKill(nullptr, child), 1);
+  int status;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  expect_messages("QMXUtil_ProcessKill", {});
+  EXPECT_EQ(QMXUtil_ProcessKill(nullptr, child), 1) << "gone already";
+  expect_messages("QMXUtil_ProcessKill", {{1, "No such process ((null): " + std::to_string(child) +
+                                                  ") to kill! (Or... Zombie?)\n"}});
+}
+
+TEST_F(ProcessTest, RunFindsTheProgramAndPassesItsArgumentWhole) {
+  tools_.tool("show", "printf '%s:%s' $# \"$1\" >\"${0%/*}/seen\"; exit 9");
+  int child = 0;
+  EXPECT_EQ(QMXUtil_ProcessRun("show", "one  'argument' $HOME", 1, &child), 1);
+  EXPECT_GT(child, 0);
+  EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:one  'argument' $HOME");
+  EXPECT_EQ(QMXUtil_ProcessRun("show", nullptr, 1, nullptr), 1);
+  EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "0:");
+  EXPECT_EQ(QMXUtil_ProcessRun("show", nullptr, 0, &child), 1);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+  EXPECT_EQ(QMXUtil_ProcessRun(nullptr, "x", 1, &child), 0);
+  expect_messages("QMXUtil_ProcessRun", {{1, "NULL argument!\n"}});
+  if (!exec_failure_is_told()) return;
+  child = -7;
+  EXPECT_EQ(QMXUtil_ProcessRun("no-such-program", nullptr, 1, &child), 0);
+  EXPECT_EQ(QMXUtil_ProcessRun("no-such-program", "x", 0, &child), 0);
+  EXPECT_EQ(child, -7);
+  expect_messages("QMXUtil_ProcessRun", {{1, "Failed to run process (no-such-program (null))\n"},
+                                         {1, "Failed to run process (no-such-program x)\n"}});
+}
+
+TEST_F(ProcessTest, ShellCommandsEndAsTabulated) {
+  for (const auto& [command, code, messages] :
+       std::vector<std::tuple<const char*, int, std::vector<Message>>>{
+           {nullptr, -1, {{1, "Invalid command\n"}}},
+           {"", -1, {{1, "Invalid command\n"}}},
+           {"exit 0", 0, {}},
+           {"test \"$(echo a b | tr ' ' -)\" = a-b", 0, {}},
+           {"exit 3", 3, {{1, "Command exited with status 3\n"}}},
+           {"kill -9 $$", -1, {{1, "Command terminated by signal 9\n"}}},
+           {"no-such-command 2>/dev/null", 127, {{1, "Command exited with status 127\n"}}}}) {
+    EXPECT_EQ(QMXUtil_ExecShell(command), code);
+    expect_messages("QMXUtil_ExecShell", messages);
+  }
+}
+
+TEST_F(ProcessTest, AShellThatCannotBeStartedIsTold) {
+  if (!exec_failure_is_told()) GTEST_SKIP();
+  const std::string endless(1 << 20, ':');  // more than exec takes
+  EXPECT_EQ(QMXUtil_ExecShell(endless.c_str()), 127);
+  const auto traces = recording().traces();
+  ASSERT_EQ(traces.size(), 2u);
+  EXPECT_EQ(traces[0].format, "execl failed for command: %s\n");
+  EXPECT_EQ(traces[1].text, "Command exited with status 127\n");
+  recording().clear_traces();
+
+  if (geteuid() != 0) return;  // the limit is a user's: become one that has too many processes already
+  rlimit processes;
+  getrlimit(RLIMIT_NPROC, &processes);
+  const rlimit none = {0, processes.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
+  ASSERT_EQ(setresuid(65534, 65534, 0), 0);
+  const int result = QMXUtil_ExecShell("exit 0");
+  ASSERT_EQ(setresuid(0, 0, 0), 0);
+  setrlimit(RLIMIT_NPROC, &processes);
+  EXPECT_EQ(result, -1);
+  expect_messages("QMXUtil_ExecShell", {{1, "vfork failed\n"}});
+}
+
+TEST_F(ProcessTest, WaitingThatFailsIsTold) {
+  signal(SIGCHLD, SIG_IGN);  // the system reaps: there is nothing to wait for
+  EXPECT_EQ(QMXUtil_ExecShell("exit 0"), -1);
+  expect_messages("QMXUtil_ExecShell", {{1, "waitpid failed\n"}});
+  EXPECT_EQ(QMXUtil_ProcessRunEx("/bin/true", nullptr, 1), -1);
+  settle = true;
+  EXPECT_EQ(QMXUtil_ProcessRunEx("/bin/true", nullptr, 0), -1);
+  settle = false;
+  expect_messages("QMXUtil_ProcessRunEx", {{1, "waitpid failed\n"}, {1, "waitpid(WNOHANG) failed\n"}});
+  EXPECT_EQ(QMXUtil_ProcessRun("true", nullptr, 1, nullptr), 1);
+  expect_messages("QMXUtil_ProcessRun", {{1, "Process (true (null)) executed, but waiting failed\n"}});
+  signal(SIGCHLD, SIG_DFL);
+}
+
+TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
+  for (const char* tool : {"pidof", "which"}) {
+    tools_.tool(tool, "printf '%s:%s' $# \"$1\" >\"${0%/*}/seen\"; echo 123 45");
+  }
+  std::vector<std::string> names = {"sh",
+                                    "",
+                                    "a b",
+                                    "*",
+                                    "x; touch pwned",
+                                    "$(touch pwned)",
+                                    "`touch pwned`",
+                                    "'; touch pwned; '",
+                                    "'",
+                                    "''''",
+                                    "a\nb",
+                                    std::string(200, '\'')};
+  std::mt19937 random(7);
+  for (int i = 0; i < 40; ++i) {
+    std::string name(random() % 100, ' ');
+    for (char& c : name) c = static_cast<char>(random() % 255 + 1);
+    if (name.find('\n') == std::string::npos) names.push_back(name);
+  }
+  for (const std::string& name : names) {
+    const qmxtest::GuardedBytes text(name + std::string(1, '\0'));
+    EXPECT_EQ(QMXUtil_ProcessPID(text.text()), 123);
+    EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:" + name.substr(0, 57));
+    EXPECT_EQ(QMXUtil_ProcessWhich(text.text()), 1);
+    EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:" + name.substr(0, 25));
+  }
+  EXPECT_FALSE(std::filesystem::exists("pwned"));
+  expect_messages("", {});
+}
+
+TEST_F(ProcessTest, ToolsThatPrintNothingFindNothing) {
+  tools_.tool("pidof", "exit 0");
+  EXPECT_EQ(QMXUtil_ProcessPID("some"), 0);
+  EXPECT_EQ(QMXUtil_ProcessPID(nullptr), 0);
+  expect_messages("QMXUtil_ProcessPID", {{2, "some is not running\n"}, {1, "NULL argument!\n"}});
+  EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 1);
+  tools_.tool("which", "exit 0");
+  EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 0);
+  EXPECT_EQ(QMXUtil_ProcessWhich(nullptr), 0);
+
+  rlimit descriptors;
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlimit none = {0, descriptors.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);  // no pipe to be had
+  EXPECT_EQ(QMXUtil_ProcessPID("some"), 0);
+  EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 0);
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  expect_messages("QMXUtil_ProcessPID", {{2, "some is not running\n"}});
+}
+
+TEST_F(ProcessTest, KillNeverReachesAGroup) {
+  for (const int pid : {0, -1, -12345, INT_MIN}) {
+    EXPECT_EQ(QMXUtil_ProcessKill(nullptr, pid), 0);
+    expect_messages("QMXUtil_ProcessKill",
+                    {{1, "No such process ((null): " + std::to_string(pid) + ") to kill!\n"}});
+    tools_.tool("pidof", "echo " + std::to_string(pid));
+    EXPECT_EQ(QMXUtil_ProcessKill("some", getpid()), 0) << "the name decides";
+    expect_messages("QMXUtil_ProcessKill",
+                    {{1, "No such process (some: " + std::to_string(pid) + ") to kill!\n"}});
+  }
+  tools_.tool("pidof", "echo 4294967297");  // no process id: must not become init's
+  EXPECT_EQ(QMXUtil_ProcessKill("some", 0), 0);
+}
+
+TEST_F(ProcessTest, KillTriesTenTimesWhenItIsNotAllowedTo) {
+  const bool root = geteuid() == 0;
+  ASSERT_EQ(root ? setresuid(65534, 65534, 0) : 0, 0);
+  const int result = QMXUtil_ProcessKill(nullptr, 1);
+  ASSERT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(recording().calls_of("ThreadSleep 100").size(), 10u);
+  expect_messages("QMXUtil_ProcessKill", {{1, "Failed to kill ((null): 1)\n"}});
+}
+
+TEST_F(ProcessTest, SignalsDoNotEndAWait) {
+  tools_.tool("pidof", "printf 12; sleep 0.1; echo 34");  // the line comes in two halves
+  tools_.tool("which", "sleep 0.1; echo found");
+  tools_.tool("slow", "sleep 0.1; exit 5");
+  ASSERT_EQ(QMXUtil_RegSigHandler(SIGALRM, QMXUtil_Signal_Func), 0);
+  const itimerval often = {{0, 2000}, {0, 2000}}, never = {};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_EQ(QMXUtil_ProcessPID("some"), 1234);
+  EXPECT_EQ(QMXUtil_ProcessWhich("some"), 1);
+  EXPECT_EQ(QMXUtil_ExecShell("slow"), 5);
+  EXPECT_EQ(QMXUtil_ProcessRunEx(tools_.dir().file("slow").c_str(), nullptr, 1), 5);
+  EXPECT_EQ(QMXUtil_ProcessRun("slow", nullptr, 1, nullptr), 1);
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_EQ(QMXUtil_UnRegSigHandler(SIGALRM), 0);
+  EXPECT_EQ(recording().traces().size(), 2u) << "the two exit codes, no failure";
+}
+
+}  // namespace
