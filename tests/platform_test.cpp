@@ -392,7 +392,8 @@ TEST(PlatformTrace, IsOneWriteAMessageFilteredByModuleAndLevel) {
              for (int level = 1; level <= 3; ++level) trace(module, level, "f.cpp", 7, "func", "text\n");
            }
          })) {
-      levels += text.substr(0, 3) + " ";
+      levels += text.substr(0, 3);
+      levels += ' ';
     }
     return levels;
   };
