@@ -130,8 +130,9 @@ typedef struct MPEG4VolInfo {
 #define MPEG4_COMPLEXITY_TEXTURE1_SHIFT \
   12                                      /**< intra_blocks, inter_blocks, inter4v_blocks, not_coded_blocks */
 #define MPEG4_COMPLEXITY_TEXTURE2_SHIFT 8 /**< dct_coefs, dct_lines, vlc_symbols, vlc_bits */
-#define MPEG4_COMPLEXITY_MOTION_SHIFT 2 /**< apm, npm, interpolate_mc_q, forw_back_mc_q, halfpel2, halfpel4 \
-                                         */
+#define MPEG4_COMPLEXITY_MOTION_SHIFT                                   \
+  2 /**< apm, npm, interpolate_mc_q, forw_back_mc_q, halfpel2, halfpel4 \
+     */
 #define MPEG4_COMPLEXITY_VERSION2_SHIFT 0 /**< sadct, quarterpel */
 /** @} */
 
@@ -434,8 +435,8 @@ QMX_API int VopCheckCoded(const uint8_t* vop, uint32_t timeIncrementBits);
  * | "XVID", "MP4S", "MP4V" | UtilGetMPEG4Info() | `width`, `height` |
  * | "MPEG" | UtilGetMPEG12Info() | `width`, `height`, `frameRate`, `bitRate` |
  *
- * The codec is compared as it stands, so "HVC1" and "mp4v" are unknown; UtilToUpperVideoFourCC() helps with
- * the latter. "MPEG" may have been "mpeg".
+ * The codec is compared as it stands, so "HVC1" and "mp4v" are unknown. Put upper case into `codec` with
+ * UtilToUpperVideoFourCC() for MPEG-4 and MPEG alone: it would lose "hvc1".
  *
  * @param config  the stream's codec data: avcC, hvcC, VOL header or sequence header
  * @param length  bytes at `config`
