@@ -1,0 +1,53 @@
+# cmake --install: libraries, headers, pkg-config and CMake packages, the command with man page and completion.
+# Three components, as the packages are cut: library, development, command; and debug for the debug info.
+include(CMakePackageConfigHelpers)
+
+set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/qmxutil)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qmxutil)
+
+set(libraries qmxutil)
+if(NOT QMX_BASE_LIBRARY)
+  list(APPEND libraries qmxbase)
+endif()
+target_include_directories(qmx_headers INTERFACE $<INSTALL_INTERFACE:${header_dir}>)
+set_target_properties(qmx_headers PROPERTIES EXPORT_NAME headers)
+install(TARGETS ${libraries} qmx_headers EXPORT qmxutil-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+foreach(library ${libraries})
+  get_target_property(debug ${library} QMX_DEBUG_FILE)
+  if(debug)
+    install(FILES ${debug} DESTINATION ${CMAKE_INSTALL_LIBDIR}/.debug COMPONENT debug)
+  endif()
+endforeach()
+
+install(DIRECTORY include/ base/ DESTINATION ${header_dir} COMPONENT development FILES_MATCHING PATTERN "*.h")
+
+# The files find their prefix from where they lie, so that an installed tree can be moved.
+file(RELATIVE_PATH to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+if(QMX_BASE_LIBRARY)
+  set(base_libs ${QMX_BASE_LIBRARY})
+else()
+  set(base_libs "-L\${libdir} -lqmxbase")
+endif()
+foreach(name qmxutil qmxbase)
+  configure_file(cmake/${name}.pc.in cmake/${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cmake/${name}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
+
+install(EXPORT qmxutil-targets NAMESPACE qmxutil:: DESTINATION ${package_dir} COMPONENT development)
+configure_package_config_file(cmake/qmxutil-config.cmake.in cmake/qmxutil-config.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(cmake/qmxutil-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/cmake/qmxutil-config.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/cmake/qmxutil-config-version.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+
+if(QMX_BUILD_TOOL)
+  file(RELATIVE_PATH to_libraries /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(qmxutil_command PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+  install(TARGETS qmxutil_command DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
+  install(FILES docs/qmxutil.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+  install(FILES tools/qmxutil.bash-completion RENAME qmxutil
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT command)
+endif()
