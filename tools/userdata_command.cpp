@@ -32,7 +32,8 @@ std::string hex(const std::vector<uint8_t>& bytes, size_t count, const char* bet
   char digits[3];
   for (size_t i = 0; i < count; ++i) {
     std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
-    text += (i == 0 ? "" : between) + std::string(digits);
+    if (i > 0) text += between;
+    text += digits;
   }
   return text;
 }
