@@ -11,3 +11,6 @@ struct CommandError : std::runtime_error {
 };
 
 void add_userdata_commands(CLI::App& app);
+void add_probe_command(CLI::App& app);
+void add_frames_command(CLI::App& app);
+void add_convert_command(CLI::App& app);
