@@ -1,9 +1,159 @@
 /**
  * @file qmxutil_ini.h
+ * @brief INI files: read, search, change, commit.
+ *
+ * An INI file here is a small text of "key = value" lines, with comment lines (';' or '#' anywhere) and
+ * section lines ('[' anywhere) between them. Sections have no meaning: a key is found wherever it first
+ * stands in the file. QMXUtil_INIOpenEx() reads the file whole, QMXUtil_INIWrite() changes the text in
+ * memory, QMXUtil_INIClose() writes it back when it differs from what was read.
+ *
+ * Ordinary files hold their text and nothing else. Fixed-size files are written in place and filled with zero
+ * bytes up to a committed size, a multiple of 2048 bytes, so that a file keeps its size (and its blocks on
+ * the storage) while its text fits. Reading ends at the first zero byte.
+ *
+ * What may surprise:
+ * - A search compares whole keys exactly; a write looks for the key ignoring case, inside longer words and
+ *   inside comments too, as long as a space, a tab or '=' follows it, and within the first 64 characters of a
+ *   line only. The first line with such a match is the one that is changed.
+ * - A line whose value holds '#', ';' or '[' is no pair: it is not found by a search.
+ * - A write takes values as they are. A value with line breaks makes lines of its own; blanks at its
+ * beginning are not part of it when it is read again.
+ * - The locks cover the rewriting of the file, not the time from open to close: of two processes that open,
+ *   change and close at the same time, the later close wins with everything that it read at its open. Who
+ *   needs both changes holds a lock of its own (on another file) from before the open until after the close.
+ * - Reading takes no lock. A reader that must not meet a file being rewritten takes a shared flock() on it.
+ * - A commit that cannot open the file loses the changes without a message, and one that cannot write (a full
+ *   disk) does not report it: read the file again where it matters. docs/ini.md says what such a file holds.
+ *
+ * Texts are byte strings; a file's text ends at its first zero byte. White space is the six ASCII characters
+ * (space, \\t, \\n, \\v, \\f, \\r) and case that of ASCII letters, whatever the locale. A handle belongs to
+ * one thread at a time; different handles may be used by different threads. Nothing here may be called from a
+ * signal handler.
  */
 #ifndef QMXUTIL_INI_H
 #define QMXUTIL_INI_H
 
+#include <stdint.h>
+
 #include "qmxutil_export.h"
+
+/** How a file is opened; the caller's own record. */
+typedef struct INIAttr {
+  uint8_t writable;  /**< not 0: writes are allowed, and a missing file is created at open */
+  int32_t fixedSize; /**< size in bytes that the file is to keep; 0 for an ordinary file */
+  uint8_t lock;      /**< not 0: an exclusive flock() is held on the file while it is rewritten */
+} INIAttr;
+
+/** An open file. The library makes and releases it; callers may read its fields. */
+typedef struct INIHandle {
+  char* path;        /**< copy of the path given at open */
+  char* snapshot;    /**< the text as it was read, zero-terminated; null when the file was empty */
+  char* text;        /**< the text as it is now, zero-terminated; null for an empty file not written to */
+  char* cursor;      /**< where QMXUtil_INIParseLine() reads next; null when there is nothing to read */
+  int32_t length;    /**< characters of `text` */
+  int32_t fileSize;  /**< size of the file at open, bytes */
+  uint8_t modified;  /**< set by a successful write; cleared by a caller, the close drops all changes */
+  INIAttr attr;      /**< as given at open; `fixedSize` is the committed size when `writable` is set */
+  uint8_t fixedMode; /**< set when the file keeps a fixed size */
+} INIHandle;
+
+/**
+ * Opens an existing file for reading.
+ *
+ * The whole file is read; a file of 1 MiB (1,048,576 bytes) or more is refused.
+ *
+ * @param path  path of the file
+ * @return the handle, released with QMXUtil_INIClose(); null (traced at level 1) when the file cannot be
+ *         opened, is too large, cannot be read to its end, or memory is short.
+ */
+QMX_API INIHandle* QMXUtil_INIOpen(const char* path);
+
+/**
+ * Opens a file, for writing too when the attributes say so.
+ *
+ * With `writable` set, a missing file is created empty, and so is the last directory of its path (mode 0755;
+ * directories above it are not). With a `fixedSize` other than 0 the committed size becomes the larger of it
+ * and the file's size, rounded up to a multiple of 2048 bytes.
+ *
+ * @param path  path of the file
+ * @param attr  the attributes, copied; null is the same as QMXUtil_INIOpen()
+ * @return the handle, released with QMXUtil_INIClose(); null (traced at level 1) as for QMXUtil_INIOpen(). A
+ *         file that could not be created is reported as one that cannot be opened.
+ */
+QMX_API INIHandle* QMXUtil_INIOpenEx(const char* path, const INIAttr* attr);
+
+/**
+ * Reads one line from the cursor on and moves the cursor to the next; blank lines are passed over.
+ *
+ * A line that holds '[', ';' or '#' anywhere is no pair, nor is one without '='. The key of a pair runs up to
+ * the first space, tab or '='; it may be empty. The value begins after the first '=' that follows and the
+ * blanks behind it, and runs up to the end of the line or its first carriage return; blanks at its end are
+ * part of it. A last line that is no pair and has no line feed ends the text: the cursor becomes null, and a
+ * further call is traced as an invalid argument until QMXUtil_INIReset().
+ *
+ * @param handle  the handle; null, or one with a null cursor, is an invalid argument (traced at level 1)
+ * @param key     room for the longest key and its terminator (the handle's `length` + 1 bytes always do);
+ * null is an invalid argument
+ * @param value   room for the longest value and its terminator; null is an invalid argument
+ * @param isPair  tells whether the line was a pair, 1 or 0; only then are `key` and `value` written. Must not
+ *                be null
+ * @return 1 when a line was read, 0 at the end of the text or on an invalid argument.
+ */
+QMX_API int QMXUtil_INIParseLine(INIHandle* handle, char* key, char* value, uint8_t* isPair);
+
+/**
+ * Moves the cursor to the start of the text.
+ *
+ * @param handle  the handle; null is ignored
+ */
+QMX_API void QMXUtil_INIReset(INIHandle* handle);
+
+/**
+ * Finds the first pair with exactly this key, from the cursor on. The cursor is at the start of the text
+ * afterwards, so consecutive searches see the whole text.
+ *
+ * Keys of more than 63 characters are passed over. The values of the pairs that were passed over go through
+ * `value` too: what stands there behind the terminator is left from them.
+ *
+ * @param handle  the handle; null, or one with a null cursor (an empty file), is an invalid argument (traced
+ *                at level 1 as QMXUtil_INIParseLine())
+ * @param key     the key; null is an invalid argument
+ * @param value   room for the longest value of the file and its terminator (the handle's `length` + 1 bytes
+ *                always do); null is an invalid argument
+ * @return 1 when the pair was found, its value in `value`; else 0, and `value` is the empty string.
+ */
+QMX_API int QMXUtil_INISearch(INIHandle* handle, const char* key, char* value);
+
+/**
+ * Sets a value in memory: replaces it in the first line that matches the key (see above), or appends
+ * "key = value" as a new line. The cursor is at the start of the text afterwards.
+ *
+ * The changed line keeps what stands before the value. What follows stays, except that blanks at the start of
+ * the next line go, and that the text ends with a line feed when the value was the last one. When the
+ * matching line has no '=' behind the key, the next '=' further down marks the value that is replaced; but a
+ * line that holds '[', ']', '#' or ';' from the key on is only ever changed at its own '='.
+ *
+ * Failures are traced at level 1 and leave the text as it was.
+ *
+ * @param handle  a handle opened with `writable`; null is a failure
+ * @param key     the key, not empty; null is a failure
+ * @param value   the value, may be empty; null is a failure
+ * @return 1 when the text holds the pair; 0 on a null argument, a handle that is not writable, an empty key,
+ * a matching line without '=', or when memory is short.
+ */
+QMX_API int QMXUtil_INIWrite(INIHandle* handle, const char* key, const char* value);
+
+/**
+ * Writes the text back if it was changed and differs from what was read, then releases the handle.
+ *
+ * One commit runs at a time in a process. With `lock` set an exclusive flock() is held around the writes, and
+ * waited for. The data has reached the storage when the call returns. A commit is traced at level 2.
+ *
+ * An ordinary file then holds the text alone. A fixed-size file is filled up with zero bytes to its committed
+ * size; a longer text makes it longer, without padding.
+ *
+ * @param handle  the handle, not to be used afterwards; null is ignored
+ */
+QMX_API void QMXUtil_INIClose(INIHandle* handle);
 
 #endif

@@ -1,0 +1,504 @@
+// INI files: real files against a plain model of reading, searching and writing, every failure, two writers.
+#include "internal/ini.h"
+
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <random>
+
+#include "qmxutil_ini.h"
+#include "recording_base.h"
+
+using qmxtest::Op;
+using qmxtest::read_file;
+using qmxtest::recording;
+using std::string;
+
+namespace {
+
+std::vector<string> flocks;  // operation and the base library call before it
+int flock_interruptions = 0;
+
+}  // namespace
+
+// The system call, noted down; the library under test finds this one first.
+extern "C" int flock(int fd, int operation) noexcept {
+  flocks.push_back((operation == LOCK_EX ? "EX after " : "UN after ") + recording().calls().back());
+  if (flock_interruptions > 0 && flock_interruptions-- > 0) {
+    errno = EINTR;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
+
+namespace {
+
+// ---- The model: the rules of reading and writing, one after the other, on strings
+
+constexpr char kSpace[] = " \t\n\v\f\r";
+
+struct Step {
+  int result = 0;
+  int is_pair = 2;  // 2: not told
+  string key = {}, value = {};
+  bool operator==(const Step&) const = default;
+};
+void PrintTo(const Step& step, std::ostream* out) {
+  *out << step.result << step.is_pair << '[' << step.key << "][" << step.value << ']';
+}
+
+Step model_step(const string& text, size_t& cursor) {  // npos: null
+  if (cursor == text.npos || (cursor != 0 && cursor == text.size())) return {};
+  if (text.find_first_of("=\n", cursor) == text.npos) return cursor = text.npos, Step{0, 0};
+  cursor = std::min(text.find_first_not_of(kSpace, cursor), text.size());
+  const size_t line_feed = text.find('\n', cursor);
+  const string line = text.substr(cursor, line_feed - cursor);
+  const bool is_pair = line.find_first_of("[;#") == line.npos && line.find('=') != line.npos;
+  if (!is_pair && line_feed == text.npos) return cursor = text.npos, Step{0, 0};
+  cursor = std::min(text.find_first_not_of(kSpace, line_feed), text.size());
+  if (!is_pair) return {1, 0};
+  const size_t key_end = line.find_first_of(" \t=");
+  const size_t value = line.find_first_not_of(" \t", line.find('=', key_end) + 1);
+  return {1, 1, line.substr(0, key_end),
+          value == line.npos ? "" : line.substr(value, line.find('\r', value) - value)};
+}
+
+int model_search(const string& text, size_t cursor, const string& key, string& buffer) {
+  for (;;) {
+    const Step step = model_step(text, cursor);
+    if (step.result == 0) return buffer[0] = '\0', 0;
+    if (step.is_pair == 1) buffer.replace(0, step.value.size() + 1, step.value + '\0');
+    if (step.is_pair == 1 && step.key == key && key.size() < 64) return 1;
+  }
+}
+
+std::optional<string> model_write(const string& text, const string& key, const string& value,
+                                  std::vector<string>& traces) {
+  const string pair = key + " = " + value + "\n";
+  if (text.empty()) return pair;
+  for (size_t at = 0; at != text.npos;) {
+    const size_t line_feed = text.find('\n', at);
+    const string line = text.substr(at, line_feed - at), seen = line.substr(0, 64);
+    if (line.size() > 64) {
+      traces.push_back("insufficient size of line buf (" + std::to_string(line.size()) + " > 64)\n");
+    }
+    const char* const hit = strcasestr(seen.c_str(), key.c_str());
+    const char behind = hit == nullptr ? '\0' : hit[key.size()];
+    if (behind == ' ' || behind == '\t' || behind == '=') {
+      const bool marked = strpbrk(hit, "[]#;") != nullptr;
+      const size_t equals = text.find('=', at + static_cast<size_t>(hit - seen.c_str()));
+      if (equals == text.npos || (marked && equals > line_feed)) {
+        traces.push_back("Check invalid line! (" + key + " = ?)\n");
+        return std::nullopt;
+      }
+      const size_t old = std::min(text.find_first_not_of(" \t", equals + 1), text.size());
+      string rest = text.substr(std::min(text.find_first_of("\r\n", old), text.size()));
+      const string head = text.substr(0, old) + value;
+      const bool last = text.find('=', old) == text.npos;
+      if (last && rest.find_first_not_of(kSpace) == rest.npos) return head + "\n";
+      const size_t content = std::min(rest.find_first_not_of(" \t\r\n"), rest.size());
+      string breaks = rest.substr(0, content);
+      std::erase_if(breaks, [](char c) { return c == ' ' || c == '\t'; });
+      rest = breaks + rest.substr(content);
+      return head + rest + (last && rest.back() != '\n' ? "\n" : "");
+    }
+    at = line_feed == text.npos ? text.npos : text.find_first_not_of(" \t\r\n", line_feed);
+  }
+  return text + (text.ends_with('\n') || text.ends_with('\r') ? "" : "\n") + pair;
+}
+
+// ---- Helpers
+
+class IniTest : public qmxtest::BaseTest {
+ protected:
+  void SetUp() override {
+    BaseTest::SetUp();
+    flocks.clear();
+  }
+  INIHandle* open(const string& content, INIAttr attr = {1, 0, 0}) {
+    return QMXUtil_INIOpenEx(dir.write("a.ini", content).c_str(), &attr);
+  }
+  string written(const string& content, const char* key, const char* value) {
+    INIHandle* const handle = open(content);
+    EXPECT_EQ(QMXUtil_INIWrite(handle, key, value), 1);
+    const string text = handle->text;
+    QMXUtil_INIClose(handle);
+    EXPECT_EQ(read_file(path), text);
+    return text;
+  }
+  qmxtest::TempDir dir;
+  const string path = dir.file("a.ini");
+};
+
+std::vector<Step> all_steps(INIHandle* handle, const string& text) {
+  qmxtest::GuardedBytes key(text.size() + 1), value(text.size() + 1);
+  std::vector<Step> steps;
+  do {
+    uint8_t is_pair = 2;
+    const int result = QMXUtil_INIParseLine(handle, key.text(), value.text(), &is_pair);
+    steps.push_back({result, is_pair});
+    if (is_pair == 1) steps.back().key = key.text(), steps.back().value = value.text();
+  } while (steps.back().result == 1);
+  return steps;
+}
+
+class RandomText {
+ public:
+  explicit RandomText(unsigned seed) : random_(seed) {}
+  int number(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
+  template <size_t n>
+  string one_of(const char* const (&choice)[n]) {
+    return choice[number(n)];
+  }
+  string key() {
+    if (number(12) == 0) return string(static_cast<size_t>(61 + number(5)), 'k');
+    return one_of({"a", "b", "key", "Key", "key2", "a.b", "volume", "VOLUME", "[s]", "#", "a=b", "e\r"});
+  }
+  string value() {
+    if (number(30) == 0) return string(static_cast<size_t>(number(12000)), 'v');
+    return one_of({"", "1", "x y ", "a=b", "longer value", "\ttab", "50%", "v\r", "\xff\x80"});
+  }
+  string text() {
+    string text;
+    for (int n = number(12); n > 0; --n) {
+      if (number(3) == 0) text += one_of({"", " ", "\t ", "\n", "\v", "\r\n", "; ", "# ", "[s]", "= "});
+      if (number(8) != 0) text += key();
+      text += one_of({"", " ", "=", "=", " = ", " = ", " = ", "\t=\t", " x = "});
+      text += value();
+      if (number(10) == 0) text += string(static_cast<size_t>(number(80)), 'l');
+      text += one_of({"", "\n", "\n", "\n", "\n", "\r\n", "\n\n", "\n \n\t", "\r", " ; c\n", "\n\f\n"});
+    }
+    return text;
+  }
+
+ private:
+  std::mt19937 random_;
+};
+
+// ---- Reading, searching and writing against the model
+
+TEST_F(IniTest, RandomFilesReadSearchAndWriteAsTheModelDoes) {
+  for (unsigned seed = 0; seed < 600; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomText random(seed);
+    const string text = random.text();
+    const int fixed = random.number(2) == 0 ? 0 : 1 + random.number(9000);
+    const string file =
+        text + string(static_cast<size_t>(random.number(3) == 0 ? random.number(3000) : 0), '\0');
+    INIHandle* const handle = open(file, {1, fixed, static_cast<uint8_t>(random.number(2))});
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(handle->length, static_cast<int>(text.size()));
+
+    if (!file.empty()) {
+      size_t cursor = 0, longest = 0;
+      std::vector<Step> steps;
+      do {
+        steps.push_back(model_step(text, cursor));
+        longest = std::max(longest, steps.back().value.size());
+      } while (steps.back().result == 1);
+      EXPECT_EQ(all_steps(handle, text), steps);
+      for (int i = 0; i < 6; ++i) {
+        QMXUtil_INIReset(handle);
+        size_t from = 0;
+        for (int skipped = random.number(3); skipped > 0 && from != text.npos; --skipped) {
+          std::vector<char> key(text.size() + 1), value(text.size() + 1);
+          uint8_t is_pair;
+          QMXUtil_INIParseLine(handle, key.data(), value.data(), &is_pair);
+          model_step(text, from);
+        }
+        if (from == text.npos) continue;
+        const string key = random.number(8) == 0 ? "" : random.key();
+        string expected(longest + 1, '\xEE');
+        const int found = model_search(text, from, key, expected);
+        qmxtest::GuardedBytes value(string(longest + 1, '\xEE'));
+        EXPECT_EQ(QMXUtil_INISearch(handle, key.c_str(), value.text()), found) << key;
+        EXPECT_EQ(string(value.text(), longest + 1), expected) << key;
+        EXPECT_EQ(handle->cursor, handle->text);
+      }
+    }
+
+    string now = text;
+    for (int i = random.number(5); i > 0; --i) {
+      const string key = random.key(), value = random.value();
+      std::vector<string> traces;
+      const auto expected = model_write(now, key, value, traces);
+      recording().clear_traces();
+      recording().clear_calls();
+      EXPECT_EQ(QMXUtil_INIWrite(handle, key.c_str(), value.c_str()), expected.has_value());
+      EXPECT_EQ(recording().trace_texts(), traces);
+      if (!now.empty()) {
+        const size_t room = now.size() <= 2047 ? 2048 : 5 * now.size();
+        EXPECT_EQ(recording().calls()[0], "Malloc " + std::to_string(room) + " 0");
+        EXPECT_EQ(recording().calls_of("Malloc").size(), expected ? (expected->size() < room ? 2u : 3u) : 1u);
+      }
+      now = expected.value_or(now);
+      ASSERT_EQ(handle->text == nullptr ? "" : handle->text, now) << key << " = " << value;
+      ASSERT_EQ(handle->length, static_cast<int>(now.size()));
+    }
+    const size_t committed =
+        fixed == 0 ? 0 : (std::max(file.size(), static_cast<size_t>(fixed)) + 2047) / 2048 * 2048;
+    QMXUtil_INIClose(handle);
+    string expected = now;
+    if (expected.size() < committed) expected.resize(committed);
+    EXPECT_EQ(read_file(path), now == text ? file : expected);
+  }
+}
+
+TEST_F(IniTest, StatedExamplesOfWriting) {
+  EXPECT_EQ(written("Volume = 3\nmute=0\n", "volume", "7"), "Volume = 7\nmute=0\n");
+  EXPECT_EQ(written("a=1\nb =  2   \n\n   c=3\n", "b", "9"), "a=1\nb =  9\n\nc=3\n");
+  EXPECT_EQ(written("a=1", "a", "2"), "a=2\n");
+  EXPECT_EQ(written("a=1\n\n", "a", "2"), "a=2\n");
+  EXPECT_EQ(written("a=1", "b", "2"), "a=1\nb = 2\n");
+  EXPECT_EQ(written("a=1\r\n", "b", "2"), "a=1\r\nb = 2\n");
+  EXPECT_EQ(written("a=1\n; the end", "a", "2"), "a=2\n; the end\n");  // lines after the last entry stay
+  EXPECT_EQ(written("; a = 5\na = 1\n", "a", "2"),
+            "; a = 2\na = 1\n");  // a comment is changed at its own '='
+  EXPECT_EQ(written("a = #fff\nb = 1\n", "a", "#000"), "a = #000\nb = 1\n");
+  EXPECT_EQ(written("a \nb = 1\n", "a", "2"), "a \nb = 2\n");  // the next '=' there is
+  INIHandle* const handle = open("a  ; of b\nb = 1\n");
+  recording().clear_traces();
+  EXPECT_EQ(QMXUtil_INIWrite(handle, "a", "2"), 0);  // but not for a line with a comment
+  EXPECT_EQ(recording().trace_texts(), std::vector<string>{"Check invalid line! (a = ?)\n"});
+  QMXUtil_INIClose(handle);
+}
+
+TEST_F(IniTest, LineReaderCutsAt64CharactersAndTracesUnderItsOwnName) {
+  const string text = string(64, 'x') + "\n \t\r\n" + string(70, 'y');
+  char line[65] = {};
+  const char* const next = ini_getline(text.c_str(), line);
+  EXPECT_EQ(line, string(64, 'x'));
+  EXPECT_TRUE(recording().traces().empty());
+  EXPECT_EQ(ini_getline(next, line), nullptr);
+  EXPECT_EQ(line, string(64, 'y'));
+  const auto traces = recording().traces();
+  ASSERT_EQ(traces.size(), 1u);
+  EXPECT_EQ(traces[0].text, "insufficient size of line buf (70 > 64)\n");
+  EXPECT_EQ(traces[0].function, "ini_getline");
+}
+
+TEST_F(IniTest, SizedParserPassesOverPairsThatDoNotFit) {
+  INIHandle* const handle = open("four=1\nk=four\nkey=val\n");
+  qmxtest::GuardedBytes key(4), value(4);
+  uint8_t is_pair = 2;
+  for (const int expected : {0, 0, 1}) {
+    EXPECT_EQ(ini_parse_line(handle, key.text(), 4, value.text(), 4, &is_pair), 1);
+    EXPECT_EQ(is_pair, expected);
+  }
+  EXPECT_STREQ(key.text(), "key");
+  EXPECT_STREQ(value.text(), "val");
+  QMXUtil_INIClose(handle);
+}
+
+// ---- Opening
+
+TEST_F(IniTest, OpenReadsWholeFilesBelowOneMebibyte) {
+  INIHandle* handle = QMXUtil_INIOpen(dir.write("a.ini", "a=1\n" + string(4092, '\0')).c_str());
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(
+      recording().calls(),
+      (std::vector<string>{"FileOpen " + path + " 0xF0000002", "FileSeek 0 2", "FileTell", "FileSeek 0 0",
+                           "Malloc 64 0", "Malloc 4097 0", "FileRead 4096", "Malloc 4097 0", "FileClose"}));
+  EXPECT_EQ(handle->length, 4);
+  EXPECT_EQ(handle->fileSize, 4096);
+  EXPECT_STREQ(handle->snapshot, "a=1\n");
+  EXPECT_EQ(QMXUtil_INIWrite(handle, "a", "2"), 0);
+  EXPECT_EQ(recording().trace_texts().back(), "No writable attribute!\n");
+  QMXUtil_INIClose(handle);
+
+  handle = open(string(1048575, '\n'));
+  ASSERT_NE(handle, nullptr);
+  QMXUtil_INIClose(handle);
+  for (const uintmax_t size : {uintmax_t{1048576}, uintmax_t{3} << 30}) {
+    std::filesystem::resize_file(path, size);
+    EXPECT_EQ(QMXUtil_INIOpen(path.c_str()), nullptr);
+    const string shown = std::to_string(std::min<uintmax_t>(size, INT32_MAX));
+    EXPECT_EQ(recording().trace_texts().back(),
+              "Failed to handle " + path + " due to too large size (" + shown + " bytes)\n");
+  }
+  EXPECT_EQ(QMXUtil_INIOpen(dir.file("none").c_str()), nullptr);
+  EXPECT_EQ(recording().trace_texts().back(),
+            "Opening (" + dir.file("none") + ") failed! (2: No such file or directory\n");
+}
+
+TEST_F(IniTest, AnEmptyFileHasNothingToReadUntilItIsWrittenTo) {
+  INIHandle* const handle = open("");
+  char value[8] = "before";
+  EXPECT_EQ(QMXUtil_INISearch(handle, "k", value), 0);
+  EXPECT_STREQ(value, "");
+  EXPECT_EQ(QMXUtil_INISearch(nullptr, "k", value), 0);
+  EXPECT_EQ(QMXUtil_INISearch(handle, "k", nullptr), 0);
+  EXPECT_EQ(QMXUtil_INIWrite(handle, "", "v"), 0);
+  EXPECT_EQ(QMXUtil_INIWrite(handle, "k", nullptr), 0);
+  const auto traces = recording().traces();
+  ASSERT_EQ(traces.size(), 5u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(traces[i].text + traces[i].function, "Invalid argument\nQMXUtil_INIParseLine");
+  }
+  EXPECT_EQ(traces[3].text + traces[4].text, "Length of 'key' is zero!\nNot opened or NULL argument\n");
+  EXPECT_EQ(traces[0].module + traces[0].file, "qmxutil_iniqmxutil_ini.cpp");
+  recording().clear_calls();
+  EXPECT_EQ(QMXUtil_INIWrite(handle, "k", "v"), 1);
+  EXPECT_EQ(recording().calls(), (std::vector<string>{"Malloc 8 0", "Malloc 7 0", "Free"}));
+  EXPECT_EQ(QMXUtil_INISearch(handle, "k", value), 1);
+  EXPECT_STREQ(value, "v");
+  QMXUtil_INIClose(handle);
+  EXPECT_EQ(read_file(path), "k = v\n");
+  QMXUtil_INIClose(nullptr);
+}
+
+TEST_F(IniTest, CommittedSizeIsRoundedUpAndMissingFilesAreCreated) {
+  const string folder = dir.file(string(60, 'd')), file = folder + "/new.ini";
+  const struct {
+    const char* content;
+    int size, committed, fixed;
+  } cases[] = {{"", 3000, 4096, 1}, {"", 0, 0, 0}, {"x", 0, 1, 0}, {"", 2048, 2048, 1}, {"x", -5, 2048, 1}};
+  for (const auto& c : cases) {
+    if (*c.content != '\0') dir.write(string(60, 'd') + "/new.ini", c.content);
+    const INIAttr attr = {1, c.size, 0};
+    INIHandle* const handle = QMXUtil_INIOpenEx(file.c_str(), &attr);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle->attr.fixedSize, c.committed);
+    EXPECT_EQ(handle->fixedMode, c.fixed);
+    QMXUtil_INIClose(handle);
+    EXPECT_EQ(read_file(file), c.content);
+    std::filesystem::remove(file);
+  }
+  const INIAttr read_only = {0, 3000, 1};
+  EXPECT_EQ(QMXUtil_INIOpenEx(file.c_str(), &read_only), nullptr);
+  INIHandle* const handle = open(string(5000, '\n'), {1, 100, 0});
+  EXPECT_EQ(handle->attr.fixedSize, 6144);
+  QMXUtil_INIClose(handle);
+}
+
+// ---- Committing
+
+TEST_F(IniTest, CommitCallsTheBaseLibraryInOrderAndTraces) {
+  for (const bool fixed : {false, true}) {
+    INIHandle* const handle = open("", {1, fixed ? 3000 : 0, 1});
+    QMXUtil_INIWrite(handle, "k", "v");
+    recording().reset();
+    flocks.clear();
+    flock_interruptions = 2;
+    QMXUtil_INIClose(handle);
+    const string opened = "FileOpen " + path + (fixed ? " 0xF0000008" : " 0xF0000004");
+    std::vector<string> calls = {opened, "FileWrite 6", "FileSync", "FileClose"};
+    if (fixed) calls.insert(calls.begin() + 2, "FileWrite 4090");
+    if (fixed) calls.insert(calls.begin(), "Malloc 4090 0");
+    calls.insert(calls.end(), fixed ? 3 : 2, "Free");
+    EXPECT_EQ(recording().calls(), calls);
+    EXPECT_EQ(flocks, (std::vector<string>{"EX after " + opened, "EX after " + opened, "EX after " + opened,
+                                           fixed ? "UN after FileWrite 4090" : "UN after FileWrite 6"}));
+    const auto traces = recording().traces();
+    ASSERT_EQ(traces.size(), 1u);
+    EXPECT_EQ(traces[0].text, "Closing '" + path + "' - fixed: " +
+                                  (fixed ? "1(4096 bytes), padding: 4090, fpmode: 0xF0000008\n"
+                                         : "0(0 bytes), padding: 0, fpmode: 0xF0000004\n"));
+    EXPECT_EQ(traces[0].level, 2);
+    EXPECT_EQ(traces[0].function, "QMXUtil_INIClose");
+  }
+}
+
+TEST_F(IniTest, WritesThatPutBackWhatWasReadCommitNothing) {
+  INIHandle* const handle = open("a = 1\n");
+  QMXUtil_INIWrite(handle, "a", "2");
+  QMXUtil_INIWrite(handle, "a", "1");
+  EXPECT_EQ(handle->modified, 1);
+  recording().clear_calls();
+  QMXUtil_INIClose(handle);
+  EXPECT_TRUE(recording().calls_of("File").empty());
+  EXPECT_TRUE(recording().traces().empty());
+}
+
+TEST_F(IniTest, EveryFailureLeavesTheTextAndTheFileWhole) {
+  const string text = "a = 1\n" + string(3000, '.') + "\nb = 2\n", value(16000, 'v');
+  const string changed = "a = " + value + text.substr(5);
+  for (const Op op :
+       {Op::kMalloc, Op::kFileOpen, Op::kFileSeek, Op::kFileTell, Op::kFileRead, Op::kFileSync}) {
+    for (int n = 1; n == 1 || recording().fired(); ++n) {
+      SCOPED_TRACE("operation " + std::to_string(static_cast<int>(op)) + ", call " + std::to_string(n));
+      dir.write("a.ini", text);
+      recording().reset();
+      recording().fail(op, n);
+      const INIAttr attr = {1, 8192, 1};
+      INIHandle* const handle = QMXUtil_INIOpenEx(path.c_str(), &attr);
+      int set = 0;
+      if (handle == nullptr) {
+        EXPECT_EQ(recording().traces().size(), 1u);
+      } else {
+        set = QMXUtil_INIWrite(handle, "a", value.c_str());
+        EXPECT_TRUE(handle->text == (set ? changed : text));
+        EXPECT_EQ(handle->length, static_cast<int>(strlen(handle->text)));
+        EXPECT_EQ(handle->modified, set);
+      }
+      QMXUtil_INIClose(handle);
+      EXPECT_EQ(recording().held(), 0);
+      const string now = read_file(path);
+      EXPECT_TRUE(now == text || (set && now == changed));
+      ASSERT_LT(n, 10);
+    }
+  }
+}
+
+TEST_F(IniTest, WithoutPaddingBlockTheTextIsWrittenAlone) {
+  INIHandle* const handle = open("a = 1\n", {1, 4096, 0});
+  QMXUtil_INIWrite(handle, "a", "2");
+  recording().clear_traces();
+  recording().fail(Op::kMalloc);
+  QMXUtil_INIClose(handle);
+  EXPECT_EQ(read_file(path), "a = 2\n");
+  EXPECT_EQ(recording().trace_texts(),
+            (std::vector<string>{
+                "Alloc 4090 bytes for padding failed!\n",
+                "Closing '" + path + "' - fixed: 1(4096 bytes), padding: 0, fpmode: 0xF0000008\n"}));
+}
+
+// Two processes change different keys under lock; a third that takes the lock finds every line whole.
+// Values of one length, because the writers open without a lock. INI_COMMITS sets the commits of each.
+TEST_F(IniTest, AFileChangedByTwoProcessesIsNeverSeenEmptyOrTorn) {
+  const char* const wanted = std::getenv("INI_COMMITS");
+  const int commits = wanted != nullptr ? std::atoi(wanted) : 60;
+  for (const int fixed : {0, 4096}) {
+    dir.write("a.ini", "[s]\nfirst = aaaaaaaa\nsecond = aaaaaaaa\nend = 1\n");
+    std::vector<pid_t> writers;
+    for (const char* const key : {"first", "second"}) {
+      const pid_t pid = fork();
+      if (pid == 0) {
+        const INIAttr attr = {1, fixed, 1};
+        for (int i = 0; i < commits; ++i) {
+          INIHandle* const handle = QMXUtil_INIOpenEx(path.c_str(), &attr);
+          if (handle == nullptr) _exit(1);
+          QMXUtil_INIWrite(handle, key, string(8, static_cast<char>('a' + i % 26)).c_str());
+          QMXUtil_INIClose(handle);
+        }
+        _exit(0);
+      }
+      writers.push_back(pid);
+    }
+    for (const pid_t writer : writers) {
+      int status = 0;
+      do {
+        FILE* const file = std::fopen(path.c_str(), "r");
+        syscall(SYS_flock, fileno(file), LOCK_SH);
+        string text = read_file(path);
+        std::fclose(file);
+        text.resize(std::min(text.find('\0'), text.size()));
+        ASSERT_EQ(text.size(), 47u) << text;
+        const string first = text.substr(12, 8), second = text.substr(30, 8);
+        EXPECT_EQ(first, string(8, first[0]));
+        EXPECT_EQ(second, string(8, second[0]));
+        EXPECT_EQ(text, "[s]\nfirst = " + first + "\nsecond = " + second + "\nend = 1\n");
+      } while (waitpid(writer, &status, WNOHANG) == 0);
+      EXPECT_EQ(status, 0);
+    }
+  }
+}
+
+}  // namespace
