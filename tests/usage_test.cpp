@@ -1,0 +1,462 @@
+// Usage monitors: /proc contents of our own making through replacement tools, real threads, real reports.
+#include "internal/usage.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "qmxutil_usage.h"
+#include "recording_base.h"
+#include "replacement_tools.h"
+
+namespace {
+
+using qmxtest::Op;
+using qmxtest::recording;
+using Texts = std::vector<std::string>;
+
+class UsageTest : public qmxtest::BaseTest {
+ protected:
+  const qmxtest::ReplacementTools tools_;
+  const std::string& folder_ = tools_.dir().path();
+  std::mt19937 random_{11};
+
+  UsageCpuHandle* open_cpu(const std::string& count) {
+    tools_.tool("wc", "printf -- '" + count + "'");
+    return QMXUTIL_UsageCpuOpen();
+  }
+  UsageTaskHandle* open_tasks(const std::string& pids) {
+    tools_.tool("pidof", "echo " + pids);
+    return QMXUTIL_UsageTaskOpen("some");
+  }
+  template <class F>
+  void without_descriptors(F call) {
+    rlimit descriptors;
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const rlimit none = {0, descriptors.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    call();
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+  }
+};
+
+// The parsers as scanf() sees them, for numbers that fit.
+bool scan_cpu_line(const std::string& line, UsageCpuSample& sample) {
+  long long n[4] = {-1, -1, -1, -1};
+  std::sscanf(line.c_str(), "%*s %lld %lld %lld %lld", &n[0], &n[1], &n[2], &n[3]);
+  if (n[0] < 0 || n[2] < 0 || n[3] < 0) return false;
+  sample = {n[0], n[1], n[2], n[3], n[0] + n[1] + n[2] + n[3]};
+  return true;
+}
+
+struct Thread {
+  std::string name;
+  uint32_t user = 0, system = 0;
+};
+
+Thread scan_stat_line(const std::string& line) {
+  char name[256] = "", state;
+  int n[13] = {};
+  std::sscanf(line.c_str(), "%d %255s %c %d %d %d %d %d %d %d %d %d %d %d %d", &n[12], name, &state, &n[0],
+              &n[1], &n[2], &n[3], &n[4], &n[5], &n[6], &n[7], &n[8], &n[9], &n[10], &n[11]);
+  return {std::string(name).substr(0, 63), static_cast<uint32_t>(n[10]), static_cast<uint32_t>(n[11])};
+}
+
+TEST_F(UsageTest, LinesAreReadAsScanfReadsThem) {
+  const Texts words = {"cpu",
+                       "cpu3",
+                       "a-label-that-is-longer-than-its-room",
+                       "0",
+                       "7",
+                       "12",
+                       "-5",
+                       "+6",
+                       "-",
+                       "x",
+                       "9x",
+                       "(main)",
+                       "(a b)",
+                       "S",
+                       "4294967295",
+                       "2147483648",
+                       std::string(80, 'n')};
+  for (int i = 0; i < 20000; ++i) {
+    std::string line;
+    for (auto count = random_() % 20; count > 0; --count) {
+      line += words[random_() % words.size()] + std::string(random_() % 8 != 0, " \t\n"[random_() % 3]);
+    }
+    const qmxtest::GuardedBytes text(line + std::string(1, '\0'));
+    UsageCpuSample sample = {1, 2, 3, 4, 5}, expected = sample;
+    ASSERT_EQ(usage_cpu_parse(text.text(), &sample), scan_cpu_line(line, expected)) << line;
+    ASSERT_EQ(std::memcmp(&sample, &expected, sizeof sample), 0) << line;
+    UsageTaskEntry entry = {};
+    const Thread thread = scan_stat_line(line);
+    ASSERT_EQ(usage_task_parse(text.text(), &entry), 0);
+    ASSERT_EQ(entry.name, thread.name) << line;
+    ASSERT_EQ(std::pair(entry.curUser, entry.curSystem), std::pair(thread.user, thread.system)) << line;
+  }
+  UsageCpuSample sample;
+  recording().clear_traces();
+  EXPECT_EQ(usage_cpu_parse("cpu 1 -2 3 -4", &sample), 0);
+  EXPECT_EQ(recording().trace_texts(), Texts{"Error! (1, 3, -4)\n"});
+}
+
+UsageCpuLoad load_between(const UsageCpuSample& prev, const UsageCpuSample& cur) {
+  UsageCpuLoad load = {};
+  usage_cpu_calc(&prev, &cur, &load.user, &load.system, &load.total);
+  return load;
+}
+
+TEST_F(UsageTest, PercentagesTruncateTowardZero) {
+  for (const auto& [user, nice, system, idle, expected] : {std::tuple{7, 0, 3, 20, std::array{23, 10, 34}},
+                                                           {1, 1, 0, 1, {66, 0, 67}},
+                                                           {0, 0, 0, 0, {0, 0, 0}},
+                                                           {50, 0, 0, -10, {125, 0, 125}},
+                                                           {1, 0, 0, -5, {0, 0, 0}},
+                                                           {-1, 0, 4, 0, {-33, 133, 100}}}) {
+    const UsageCpuLoad load =
+        load_between({100, 100, 100, 100, 400},
+                     {100 + user, 100 + nice, 100 + system, 100 + idle, 400 + user + nice + system + idle});
+    EXPECT_EQ((std::array{load.user, load.system, load.total}), expected);
+  }
+  for (const int64_t a : {INT64_MIN, int64_t{-1}, INT64_MAX}) {  // nothing undefined happens
+    for (const int64_t b : {INT64_MIN, int64_t{1}, INT64_MAX}) load_between({a, a, b, a, b}, {b, b, a, b, a});
+  }
+}
+
+TEST_F(UsageTest, CpuOpenCountsTheCores) {
+  for (const auto& [count, cores] : {std::pair{"4\\n", 4}, {"  3 x", 3}, {"8", 8}, {"12\\n", 8}, {"1", 1}}) {
+    UsageCpuHandle* const handle = open_cpu(count);
+    ASSERT_NE(handle, nullptr) << count;
+    EXPECT_EQ(handle->coreCount, cores);
+    EXPECT_EQ(handle->prevAll.total, -1);
+    EXPECT_EQ(handle->prevCore[7].total, -1);
+    EXPECT_EQ(handle->curAll.total, 0);
+    QMXUTIL_UsageCpuClose(handle);
+  }
+  for (const auto& [count, told] : {std::pair{"", 0}, {"0", 0}, {"x", 0}, {"-2", -2}, {"4294967295", -1}}) {
+    recording().clear_traces();
+    EXPECT_EQ(open_cpu(count), nullptr);
+    EXPECT_EQ(recording().trace_texts(), Texts{"corenum " + std::to_string(told) + " ??\n"});
+  }
+  recording().reset();
+  recording().fail(Op::kMalloc);
+  EXPECT_EQ(open_cpu("2"), nullptr);
+  EXPECT_TRUE(recording().traces().empty());
+  QMXUTIL_UsageCpuClose(nullptr);
+}
+
+// What a monitor's slot must report, kept apart from the handle's own samples.
+struct CpuModel {
+  UsageCpuSample prev{0, 0, 0, 0, -1}, cur{};
+  bool step(const Texts& lines, size_t index, const std::string& label, UsageCpuLoad& load) {
+    if (index < lines.size() && !scan_cpu_line(lines[index].substr(0, 127), cur)) return false;
+    const UsageCpuLoad now = load_between(prev, cur);
+    if (prev.total == -1) {
+      std::snprintf(load.name, sizeof load.name, "%s", label.c_str());
+      load.user = load.system = load.total = 0;
+    } else {
+      load.user = now.user, load.system = now.system, load.total = now.total;
+    }
+    prev = cur;
+    return true;
+  }
+};
+
+TEST_F(UsageTest, CpuReadingsFollowTheModelOverRandomContents) {
+  tools_.tool("cat", "[ \"$*\" = /proc/stat ] && exec /bin/cat '" + folder_ + "/stat' 2>/dev/null");
+  for (const int cores : {1, 3, 8}) {
+    UsageCpuHandle* const handle = open_cpu(std::to_string(cores));
+    ASSERT_NE(handle, nullptr);
+    std::vector<CpuModel> model(9);
+    UsageCpuLoadMulti out, expected;
+    std::memset(&out, 'x', sizeof out);
+    expected = out;
+    for (int reading = 0; reading < 40; ++reading) {
+      Texts lines;
+      std::string content;
+      const size_t count = random_() % 4 == 0 ? random_() % 9 : 9;
+      for (size_t i = 0; i < count; ++i) {
+        std::string line("cpu");
+        if (i != 0) line += std::to_string(i - 1);
+        for (int column = 0; column < 10; ++column) {
+          const int ticks = reading * 100 + static_cast<int>(random_() % 200);
+          line.append(" ").append(std::to_string(random_() % 64 == 0 ? -1 : ticks));
+        }
+        if (random_() % 16 == 0) line.append(300, ' ').append("1");
+        content += line + "\n";
+        lines.push_back(std::move(line));
+      }
+      tools_.dir().write("stat", content);
+      if (random_() % 4 == 0) {
+        ASSERT_EQ(QMXUTIL_UsageCpuGet(handle, &out.all), model[0].step(lines, 0, "CPU", expected.all));
+      } else {
+        const bool taken = model[0].step(lines, 0, "CPU*", expected.all);
+        ASSERT_EQ(QMXUTIL_UsageCpuGetMulti(handle, &out), taken);
+        if (taken) expected.coreCount = cores > 1 ? cores : 0;
+        for (size_t i = 1; taken && cores > 1 && i <= static_cast<size_t>(cores); ++i) {
+          model[i].step(lines, i, "CPU" + std::to_string(i - 1), expected.core[i - 1]);
+        }
+      }
+      ASSERT_EQ(std::memcmp(&out, &expected, sizeof out), 0) << "reading " << reading << "\n" << content;
+    }
+    QMXUTIL_UsageCpuClose(handle);
+  }
+}
+
+TEST_F(UsageTest, CpuReadingsOfThisMachineAndFailures) {
+  UsageCpuHandle* const handle = QMXUTIL_UsageCpuOpen();
+  ASSERT_NE(handle, nullptr);
+  UsageCpuLoadMulti out;
+  EXPECT_EQ(QMXUTIL_UsageCpuGetMulti(handle, &out), 1);
+  EXPECT_STREQ(out.all.name, "CPU*");
+  EXPECT_GT(handle->prevAll.total, 0);
+  EXPECT_EQ(QMXUTIL_UsageCpuGet(nullptr, &out.all) + QMXUTIL_UsageCpuGet(handle, nullptr) +
+                QMXUTIL_UsageCpuGetMulti(nullptr, &out) + QMXUTIL_UsageCpuGetMulti(handle, nullptr),
+            0);
+  EXPECT_TRUE(recording().traces().empty());
+  without_descriptors([&] {
+    EXPECT_EQ(QMXUTIL_UsageCpuGet(handle, &out.all), 0);
+    EXPECT_EQ(QMXUTIL_UsageCpuGetMulti(handle, &out), 0);
+  });
+  EXPECT_EQ(recording().trace_texts(), (Texts{"popen error (24)\n", "popen error (24)\n"}));
+  QMXUTIL_UsageCpuClose(handle);
+}
+
+TEST_F(UsageTest, TaskOpenTakesTheFirstProcess) {
+  UsageTaskHandle* const handle = open_tasks("123 45");
+  ASSERT_NE(handle, nullptr);
+  EXPECT_STREQ(handle->path, "/proc/123/task");
+  EXPECT_EQ(handle->rebuild, 1);
+  QMXUTIL_UsageTaskClose(handle);
+  recording().fail(Op::kMalloc);
+  EXPECT_EQ(open_tasks("123"), nullptr);
+  EXPECT_TRUE(recording().traces().empty());
+
+  tools_.tool("pidof", "printf '%s' \"$1\" >'" + folder_ + "/seen'");
+  const std::string name = "`touch pwned`'" + std::string(200, 'n');
+  EXPECT_EQ(QMXUTIL_UsageTaskOpen(name.c_str()), nullptr);
+  EXPECT_EQ(qmxtest::read_file(folder_ + "/seen"), name.substr(0, 121));
+  EXPECT_EQ(QMXUTIL_UsageTaskOpen(nullptr), nullptr);
+  without_descriptors([] { EXPECT_EQ(QMXUTIL_UsageTaskOpen("some"), nullptr); });
+  EXPECT_EQ(recording().trace_texts(), (Texts{"fetching pid from " + name + " failed!\n", "NULL argument!\n",
+                                              "cmd (pidof some) failed!\n"}));
+  EXPECT_EQ(recording().traces()[0].module, "qmxutil-usage");
+}
+
+// An entry of the table: the thread as last seen, as seen before, and the difference.
+struct TaskModel {
+  Thread cur, prev{}, delta{};
+  bool matched = false;
+};
+
+TEST_F(UsageTest, TaskReadingsFollowTheModelWhileThreadsComeAndGo) {
+  namespace fs = std::filesystem;
+  UsageTaskHandle* const handle = open_tasks("1");
+  const std::string root = folder_ + "/task";
+  std::snprintf(handle->path, sizeof handle->path, "%s", root.c_str());
+  std::map<std::string, Thread> threads;  // by thread id
+  std::vector<TaskModel> table;
+  bool rebuild = true;
+  UsageTaskLoadList out;
+  fs::create_directories(root + "/1000");  // a thread that has just ended
+  for (int reading = 0; reading < 100; ++reading) {
+    for (auto births = reading == 92 ? 150 : random_() % 3; births > 0; --births) {
+      const std::string id = std::to_string(random_() % 1000);
+      threads[id] = {"(t" + std::to_string(random_() % 9) + ")"};
+      fs::create_directories(root + "/" + id + "/fd");
+      tools_.dir().write("task/" + id + "/fd/stat", "1 (deeper) R 1 1 1 1 1 1 1 1 1 1 99 99");
+    }
+    if (random_() % 3 == 0 && !threads.empty()) {
+      fs::remove_all(root + "/" + threads.begin()->first);
+      threads.erase(threads.begin());
+    }
+    for (auto& [id, thread] : threads) {
+      if (random_() % 2 != 0) {
+        thread.user += static_cast<uint32_t>(random_() % 50);
+        thread.system += static_cast<uint32_t>(random_() % 50);
+      }
+      fs::remove(root + "/" + id + "/stat");  // some file systems flush what is overwritten
+      tools_.dir().write("task/" + id + "/stat", id + " " + thread.name + " R 1 1 1 0 -1 4 1 2 3 4 " +
+                                                     std::to_string(thread.user) + " " +
+                                                     std::to_string(thread.system) + " 0 0 20 0\n");
+    }
+
+    bool reset = false;
+    if (rebuild) table.clear();
+    for (const auto& directory : fs::directory_iterator(root)) {
+      const auto found = threads.find(directory.path().filename());
+      if (found == threads.end()) continue;
+      const Thread& now = found->second;
+      if (rebuild) {
+        if (table.size() < 100) table.push_back({now});
+        continue;
+      }
+      const auto entry = std::find_if(table.begin(), table.end(), [&](const TaskModel& candidate) {
+        return !candidate.matched && candidate.cur.name == now.name;
+      });
+      if (entry == table.end()) continue;
+      if (now.user < entry->cur.user || now.system < entry->cur.system) {
+        reset = true;
+      } else {
+        *entry = {now, entry->cur, {"", now.user - entry->cur.user, now.system - entry->cur.system}, true};
+      }
+    }
+    recording().clear_traces();
+    ASSERT_EQ(QMXUTIL_UsageTaskGet(handle, &out), reset ? 0 : 1) << reading;
+    ASSERT_EQ(recording().trace_texts(), reset ? Texts{"Reset by re-arrange of /proc/.../task\n"} : Texts{});
+    ASSERT_EQ(static_cast<size_t>(out.count), reset || rebuild ? 0 : table.size()) << reading;
+    uint32_t ticks = 0;
+    for (TaskModel& entry : table) {
+      entry.matched = false;
+      ticks += entry.cur.user - entry.prev.user + entry.cur.system - entry.prev.system;
+    }
+    const auto share = [&](uint32_t part) {
+      return ticks == 0 ? 0.0f : static_cast<float>(part) / static_cast<float>(ticks) * 100.0f;
+    };
+    for (int i = 0; i < out.count; ++i) {
+      const TaskModel& entry = table[static_cast<size_t>(i)];
+      ASSERT_EQ(out.task[i].name, entry.cur.name);
+      ASSERT_EQ(out.task[i].user, share(entry.delta.user));
+      ASSERT_EQ(out.task[i].system, share(entry.delta.system));
+      ASSERT_EQ(out.task[i].total, share(entry.delta.user + entry.delta.system));
+    }
+    rebuild = reset;
+  }
+  fs::remove_all(root);  // the process has ended
+  handle->rebuild = 0;
+  recording().clear_traces();
+  EXPECT_EQ(QMXUTIL_UsageTaskGet(handle, &out), 1);
+  EXPECT_EQ(static_cast<size_t>(out.count), table.size());
+  EXPECT_EQ(recording().trace_texts(), Texts{"open (" + root + ") failed! (errno 2)\n"});
+  EXPECT_EQ(QMXUTIL_UsageTaskGet(nullptr, &out) + QMXUTIL_UsageTaskGet(handle, nullptr), 0);
+  QMXUTIL_UsageTaskClose(handle);
+}
+
+TEST_F(UsageTest, ABusyThreadHasTheCpuTime) {
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop) {
+    }
+  });
+  pthread_setname_np(busy.native_handle(), "busy");
+  UsageTaskHandle* const handle = open_tasks(std::to_string(getpid()));
+  ASSERT_NE(handle, nullptr);
+  UsageTaskLoadList out = {};
+  float share = 0;
+  while (share < 50) {  // until its ticks have shown
+    ASSERT_EQ(QMXUTIL_UsageTaskGet(handle, &out), 1);
+    for (int i = 0; i < out.count; ++i) {
+      if (std::string(out.task[i].name) == "(busy)") share = out.task[i].total;
+    }
+  }
+  stop = true;
+  busy.join();
+  float sum = 0;
+  for (int i = 0; i < out.count; ++i) sum += out.task[i].total;
+  EXPECT_NEAR(sum, 100, 0.01);
+  QMXUTIL_UsageTaskClose(handle);
+}
+
+// ---- Memory accounting ----
+
+const std::string kHead =
+    "\n-------------------------------\n Memory Usage\n - - - - - - - - - - - - - - - \n";
+const std::string kSeparator = " - - - - - - - - - - - - - - - \n";
+const std::string kTail = "-------------------------------\n\n";
+
+TEST_F(UsageTest, MemoryReportsListTypesAndItems) {
+  const std::string path = folder_ + "/report";
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("early", "x", 1 << 20), 1) << "closed: nothing is done";
+  EXPECT_EQ(QMXUTIL_UsageMemPrint(1), 1);
+  QMXUTIL_UsageMemClose();
+  ASSERT_EQ(QMXUTIL_UsageMemOpen(path.c_str()), 1);
+  ASSERT_EQ(QMXUTIL_UsageMemOpen("/never/used"), 1);
+  QMXUTIL_UsageMemClose();
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("video", "frame", 12582912), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("none", "given back", -1), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("video", "bitstream", 1572864), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("a", nullptr, 1 << 20), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("fourth", "x", 1), 0);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd(nullptr, "x", 1), 0);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd("video", "", -5242), 1) << "types in use still take items";
+  const std::string report = kHead +
+                             "    video\n    + frame     :  12.00 MB\n    + bitstream :   1.50 MB\n"
+                             "    +           :  -0.00 MB\n    = total     :  13.50 MB (total)\n" +
+                             kSeparator + "    a\n    +  :   1.00 MB\n    = total :   1.00 MB (total)\n" +
+                             kSeparator + kTail;
+  EXPECT_EQ(QMXUTIL_UsageMemPrint(0), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemPrint(0), 1);
+  EXPECT_EQ(qmxtest::read_file(path), report + report);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(QMXUTIL_UsageMemPrint(1), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), report);
+  QMXUTIL_UsageMemClose();
+  EXPECT_EQ(recording().calls_of("FileOpen"), Texts{"FileOpen " + path + " 0xF0000005"});
+  EXPECT_EQ(recording().trace_texts(), Texts{"Adding new type failed! So many types exist in mem list!\n"});
+
+  recording().fail(Op::kFileOpen);
+  EXPECT_EQ(QMXUTIL_UsageMemOpen(nullptr), 0);
+  EXPECT_EQ(recording().trace_texts().back(), "Open (/tmp/memstat) failed!\n");
+}
+
+TEST_F(UsageTest, LongNamesCutTheirLines) {
+  const std::string name(100, 'n');
+  ASSERT_EQ(QMXUTIL_UsageMemOpen((folder_ + "/report").c_str()), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemAdd(name.c_str(), name.c_str(), INT_MAX), 1);
+  EXPECT_EQ(QMXUTIL_UsageMemPrint(0), 1);
+  QMXUTIL_UsageMemClose();
+  EXPECT_EQ(qmxtest::read_file(folder_ + "/report"), kHead + "    " + name.substr(0, 59) + "    + " +
+                                                         name.substr(0, 57) + "    = total" +
+                                                         std::string(52, ' ') + kSeparator + kTail);
+}
+
+TEST_F(UsageTest, AFailureRecordsNothing) {
+  const std::string path = folder_ + "/report";
+  bool fired = true;
+  for (int n = 1; fired; ++n) {
+    std::filesystem::remove(path);
+    recording().fail_any(n);
+    const bool open = QMXUTIL_UsageMemOpen(path.c_str()) == 1;
+    const bool added = open && QMXUTIL_UsageMemAdd("type", "item", 1 << 20) == 1;
+    fired = recording().fired();
+    EXPECT_EQ(open && added, !fired);
+    if (!open) continue;
+    QMXUTIL_UsageMemPrint(0);
+    QMXUTIL_UsageMemClose();
+    EXPECT_EQ(qmxtest::read_file(path) == kHead + kTail, !added) << "no type, no item";
+    ASSERT_EQ(recording().held(), 0);
+  }
+}
+
+TEST_F(UsageTest, ThreadsAddSideBySide) {
+  ASSERT_EQ(QMXUTIL_UsageMemOpen((folder_ + "/report").c_str()), 1);
+  recording().use_guard_pages(false);
+  std::vector<std::thread> threads;
+  for (const char* type : {"a", "b", "c", "c"}) {
+    threads.emplace_back([type] {
+      for (int i = 0; i < 500; ++i) {
+        QMXUTIL_UsageMemOpen(nullptr);
+        EXPECT_EQ(QMXUTIL_UsageMemAdd(type, "item", 1 << 20), 1);
+        QMXUTIL_UsageMemClose();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  QMXUTIL_UsageMemPrint(0);
+  QMXUTIL_UsageMemClose();
+  const std::string report = qmxtest::read_file(folder_ + "/report");
+  for (const char* total : {" 500.00 MB (total)", " 1000.00 MB (total)"}) {
+    EXPECT_NE(report.find(total), std::string::npos) << report.substr(report.size() - 200);
+  }
+}
+
+}  // namespace
