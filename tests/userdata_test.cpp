@@ -11,6 +11,7 @@
 
 #include "qmxutil_userdata.h"
 #include "recording_base.h"
+#include "recordings.h"
 
 namespace {
 
@@ -312,6 +313,55 @@ TEST_F(MetaDataTest, EveryFailureIsTracedAndLeavesTheFileAlone) {
     EXPECT_EQ(recording().held(), 0);
     EXPECT_EQ(qmxtest::read_file(path), "content");
   }
+}
+
+// ---- Whole recordings, through the stand-in's reader
+
+TEST_F(MetaDataTest, RecordingsOfBothKindsGiveTheirRecordsAndTakeANewValueInPlace) {
+  qmxtest::Mp4 mp4;
+  qmxtest::Avi avi;
+  mp4.records = avi.records = {"first", "second", "third"};
+  mp4.deltas = {1000, 1000, 1000};
+  mp4.chunk_lengths = {2, 1};
+  mp4.duration = 3000;
+  avi.frames = 75;  // of 40 ms
+  mp4.metadata = {"\0\0\0\7", 4};
+  avi.metadata = "\7";
+  const struct {
+    qmxtest::SparseFile file;
+    std::string before, after;  // the field with what stands in front of it
+  } cases[] = {{mp4.file(), {"qmxm\0\0\0\7", 8}, {"qmxm\0\0\0\x20", 8}},
+               {avi.file(), {"qmxm\1\0\0\0\7", 9}, {"qmxm\1\0\0\0\x20", 9}}};
+  const std::string path = dir_.file("film");
+  for (const auto& c : cases) {
+    c.file.write(path);
+    UserDataHandle* const handle = QMXUtil_UserDataOpen(path.c_str(), 8);
+    ASSERT_NE(handle, nullptr);
+    char out[8];
+    EXPECT_EQ(QMXUtil_UserDataRead(handle, 1, out), 1);
+    EXPECT_STREQ(out, "second");
+    EXPECT_EQ(QMXUtil_UserDataReadNext(handle, out), 1);
+    EXPECT_STREQ(out, "third");
+    EXPECT_EQ(QMXUtil_UserDataRead(handle, 3, out), 0);
+    EXPECT_EQ(QMXUtil_UserDataRead(handle, 4, out), 0);
+    EXPECT_EQ(recording().trace_texts(),
+              (Texts{"No data matching with 3 sec.\n", "4 second is over than total duration (3).\n"}));
+    QMXUtil_UserDataClose(handle);
+    recording().clear_traces();
+    std::string expected = qmxtest::read_file(path);
+    EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), 1), 7u);
+    EXPECT_EQ(QMXUtil_MetaDataUpdate(path.c_str(), 1, 0x120), 1);
+    EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), 1), 0x20u);
+    expected.replace(expected.find(c.before), c.before.size(), c.after);
+    EXPECT_EQ(qmxtest::read_file(path), expected);
+  }
+  UserDataHandle* const handle = QMXUtil_UserDataOpen(TEST_DATA_DIR "/timed-metadata.mov", 64);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(QMXUtil_UserDataCount(handle), 10);
+  char out[65] = {};
+  EXPECT_EQ(QMXUtil_UserDataRead(handle, 9, out), 1);
+  EXPECT_EQ(out, "record 9" + std::string(56, '.'));
+  QMXUtil_UserDataClose(handle);
 }
 
 // ---- Directory search
