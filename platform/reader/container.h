@@ -11,8 +11,8 @@ namespace qmxbase {
 // A file that may say anything about itself. Reads beyond its end fail. Whoever follows what it says takes
 // steps, and there are so many to an operation: no file makes a reader run on.
 struct Source {
-  static constexpr uint32_t kSteps = 1u << 24;
-  static constexpr uint32_t kStepOfHeader = 8;  // somewhere in the file, against the next entry of a table
+  static constexpr uint32_t kSteps = 1u << 22;
+  static constexpr uint32_t kStepOfHeader = 2;  // somewhere in the file, against the next entry of a table
 
   int fd;
   uint32_t steps_left;

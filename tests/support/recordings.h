@@ -13,7 +13,7 @@ namespace qmxtest {
 
 inline std::string be(uint64_t value, int bytes) {
   std::string text;
-  while (bytes-- > 0) text += static_cast<char>(value >> (8 * bytes));
+  while (bytes-- > 0) text += static_cast<char>(bytes < 8 ? value >> (8 * bytes) : 0);
   return text;
 }
 inline std::string le(uint64_t value, int bytes) {
