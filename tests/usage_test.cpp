@@ -53,7 +53,9 @@ bool scan_cpu_line(const std::string& line, UsageCpuSample& sample) {
   long long n[4] = {-1, -1, -1, -1};
   std::sscanf(line.c_str(), "%*s %lld %lld %lld %lld", &n[0], &n[1], &n[2], &n[3]);
   if (n[0] < 0 || n[2] < 0 || n[3] < 0) return false;
-  sample = {n[0], n[1], n[2], n[3], n[0] + n[1] + n[2] + n[3]};
+  uint64_t total = 0;
+  for (const long long count : n) total += static_cast<uint64_t>(count);  // wraps
+  sample = {n[0], n[1], n[2], n[3], static_cast<int64_t>(total)};
   return true;
 }
 

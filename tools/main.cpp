@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   app.set_version_flag(
       "--version", "qmxutil " VERSION(QMXUTIL_VERSION_MAJOR, QMXUTIL_VERSION_MINOR, QMXUTIL_VERSION_PATCH));
   add_userdata_commands(app);
+  add_system_commands(app);
   add_probe_command(app);
   add_frames_command(app);
   add_convert_command(app);
