@@ -368,7 +368,7 @@ int usage_task_parse(const char* line, UsageTaskEntry* entry) {
   long long number;
   if (!take_number(line, number)) return 0;  // process id
   const char* const name = take_word(line);
-  std::memcpy(entry->name, name, std::min<size_t>(line - name, sizeof entry->name - 1));
+  std::memcpy(entry->name, name, std::min(static_cast<size_t>(line - name), sizeof entry->name - 1));
   line += std::strspn(line, kBlanks);
   if (*line == '\0') return 0;
   ++line;  // state
