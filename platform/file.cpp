@@ -18,21 +18,23 @@
 //   belongs to the file and not to its name: those who wait for it would come to hold the lock of a file
 //   that is no longer there.
 // - A stream that QMX_FileWrite() was not called on is cut at close: to nothing, or to what fputs() wrote.
-#include "qmx_file.h"
-
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "qmx_file.h"
 
 namespace {
 
 constexpr mode_t kPermissions = 0666;  // less the umask
-constexpr size_t kReadBuffer = 32 * 1024;
+constexpr size_t kReadBuffer = 64 * 1024;
 
 // What a stream carries beyond stdio's own, which has no room for it.
 struct Extra {
@@ -125,6 +127,25 @@ int64_t replace(Extra& extra, const void* buffer, int64_t count) {
   return written;
 }
 
+// Frames are read in small pieces with a seek after each. stdio takes a lock for each piece, asks the kernel
+// about every seek, also one to a byte that its buffer holds, and after a seek out of the buffer reads whole
+// blocks again. So what the buffer holds is taken from it here, in glibc's fields.
+bool is_reading(FILE* stream) {
+  return __freading(stream) && !feof_unlocked(stream) && !ferror_unlocked(stream) &&
+         stream->_IO_save_base == nullptr;
+}
+
+bool is_in_buffer(const FILE* stream, int64_t offset) {
+  return offset >= stream->_IO_read_base - stream->_IO_read_ptr &&
+         offset <= stream->_IO_read_end - stream->_IO_read_ptr;
+}
+
+// Moves the position so that the next block read begins at that very byte.
+int move_with_new_block(FILE* stream, int64_t offset) {
+  if (fflush(stream) != 0) return -1;
+  return lseek(fileno(stream), offset, SEEK_CUR) >= 0 ? 0 : -1;
+}
+
 }  // namespace
 
 FILE* QMX_FileOpen(const char* path, uint32_t mode) {
@@ -167,12 +188,22 @@ FILE* QMX_FileOpen(const char* path, uint32_t mode) {
   return stream;
 }
 
-int QMX_FileSeek(FILE* stream, int64_t offset, int whence) { return fseeko(stream, offset, whence); }
+int QMX_FileSeek(FILE* stream, int64_t offset, int whence) {
+  if (whence != SEEK_CUR || !is_reading(stream)) return fseeko(stream, offset, whence);
+  if (!is_in_buffer(stream, offset)) return move_with_new_block(stream, offset);
+  stream->_IO_read_ptr += offset;
+  return 0;
+}
 
 int64_t QMX_FileTell(FILE* stream) { return ftello(stream); }
 
 int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
   if (count <= 0) return 0;
+  if (is_reading(stream) && is_in_buffer(stream, count)) {
+    std::memcpy(buffer, stream->_IO_read_ptr, static_cast<size_t>(count));
+    stream->_IO_read_ptr += count;
+    return count;
+  }
   const size_t got = std::fread(buffer, 1, static_cast<size_t>(count), stream);
   return got == 0 && std::ferror(stream) ? -1 : static_cast<int64_t>(got);
 }

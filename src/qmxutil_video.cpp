@@ -945,7 +945,8 @@ constexpr uint32_t kH265NalIdrWRadl = 19;
 constexpr uint32_t kH265NalPps = 34;
 
 constexpr size_t kPrefixSize = 3;
-constexpr size_t kFirstBlock = 2048;
+constexpr size_t kFirstBlock = 1024;
+constexpr size_t kUsualBlock = 8192;
 
 // The caller's buffer and what the file put into it. A frame's room ends one byte short of the buffer; a
 // frame that reaches this end does not fit. All results are those of a reader that takes one byte at a time
@@ -997,9 +998,11 @@ class FrameBuffer {
   uint32_t end_of_data() const { return filled_ < room_ ? static_cast<uint32_t>(filled_) : 0; }
 
  private:
-  // The block grows with the frame, so that a small frame is not read many times over.
+  // The block grows with the frame: a small frame is not read many times over, and a large one not in many
+  // pieces, yet little of what is read is given back.
   bool read_more() {
-    const size_t wanted = std::min(room_ - filled_, std::max(kFirstBlock, filled_));
+    const size_t block = std::max({kFirstBlock, std::min(filled_, kUsualBlock), filled_ / 4});
+    const size_t wanted = std::min(room_ - filled_, block);
     if (wanted == 0) return false;
     const int64_t got = QMX_FileRead(file_, buffer_ + filled_, static_cast<int64_t>(wanted));
     if (got <= 0) return false;

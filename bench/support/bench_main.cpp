@@ -41,7 +41,7 @@ class MedianCollector : public benchmark::BenchmarkReporter {
       if (run.error_occurred)
         std::printf("%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
       if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        medians[run.run_name.function_name] = run.real_accumulated_time;
+        medians[run.run_name.function_name] = run.real_accumulated_time / static_cast<double>(run.iterations);
       }
     }
   }
