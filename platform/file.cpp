@@ -31,6 +31,8 @@
 
 #include "qmx_file.h"
 
+#include "qmx_file.h"
+
 namespace {
 
 constexpr mode_t kPermissions = 0666;  // less the umask
