@@ -1,0 +1,250 @@
+// Interval timers: real timers and signals, and signals that only look like a timer's.
+#include "internal/timer.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "qmxutil_timer.h"
+#include "recording_base.h"
+
+namespace {
+
+using qmxtest::recording;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+const int kSignal = SIGRTMIN + 4;
+
+// What every callback of this program has to find true; broken rules are counted.
+std::atomic<int> running, overlapping, early, after_free, total_calls;
+
+struct Probe {
+  int msec = 0;
+  int stop_at = 0;  // the call that returns nonzero
+  Clock::time_point created = Clock::now();
+  std::atomic<int> calls{0};
+  std::atomic<bool> freed{false};
+};
+
+int on_expiry(void* arg) {
+  Probe& probe = *static_cast<Probe*>(arg);
+  if (running.exchange(1) != 0) ++overlapping;
+  if (probe.freed) ++after_free;
+  const int call = ++probe.calls;
+  if (Clock::now() < probe.created + call * milliseconds(probe.msec)) ++early;
+  ++total_calls;
+  errno = EXDEV;  // not to be seen outside
+  running = 0;
+  return call == probe.stop_at;
+}
+
+TimerHandle* start(Probe& probe, int msec, bool periodic, int stop_at = 0) {
+  probe.msec = msec;
+  probe.stop_at = stop_at;
+  probe.created = Clock::now();
+  return QMXUtil_TimerNew(msec, periodic, on_expiry, &probe);
+}
+
+template <class Condition>
+bool wait_for(Condition condition) {
+  const auto give_up = Clock::now() + std::chrono::seconds(60);
+  while (!condition() && Clock::now() < give_up) usleep(500);
+  return condition();
+}
+
+siginfo_t timer_info(void* value, int code = SI_TIMER) {
+  siginfo_t info = {};
+  info.si_code = code;
+  info.si_value.sival_ptr = value;
+  return info;
+}
+
+void call_handler(int sig, siginfo_t info) { qmxutil_timer_handler(sig, &info, nullptr); }
+
+sigset_t mask() {
+  sigset_t set = {};  // the C library fills the kernel's part alone
+  pthread_sigmask(SIG_SETMASK, nullptr, &set);
+  return set;
+}
+
+class TimerTest : public qmxtest::BaseTest {
+ protected:
+  void TearDown() override {
+    EXPECT_EQ(overlapping, 0);
+    EXPECT_EQ(early, 0);
+    EXPECT_EQ(after_free, 0);
+    BaseTest::TearDown();
+  }
+};
+
+TEST_F(TimerTest, EachKindOfTimerCallsAsOftenAsItShould) {
+  Probe unending, ended, once, once_nonzero, never, witness;
+  TimerHandle* const timers[] = {start(unending, 3, true),
+                                 start(ended, 2, true, 4),
+                                 start(once, 2, false),
+                                 start(once_nonzero, 2, false, 1),
+                                 start(never, 0, true),
+                                 start(witness, 100, false),
+                                 QMXUtil_TimerNew(2, 1, nullptr, nullptr)};
+  EXPECT_EQ(timers[1]->periodic, 1);
+  EXPECT_EQ(timers[1]->arg, &ended);
+  EXPECT_TRUE(wait_for([&] { return witness.calls > 0 && unending.calls > 5; }));
+  EXPECT_EQ(ended.calls, 4);
+  EXPECT_EQ(once.calls, 1);
+  EXPECT_EQ(once_nonzero.calls, 1);
+  EXPECT_EQ(never.calls, 0);
+  call_handler(kSignal, timer_info(timers[1], SI_QUEUE));  // an expiry that was under way when it ended
+  EXPECT_EQ(ended.calls, 4);
+  for (TimerHandle* timer : timers) EXPECT_EQ(QMXUtil_TimerFree(timer), 0);
+  EXPECT_EQ(QMXUtil_TimerFree(timers[0]), 0);  // unmapped by now
+  EXPECT_EQ(QMXUtil_TimerFree(nullptr), 0);
+  EXPECT_GT(recording().traces().size(), 1u);  // the periodic one without a callback
+  for (const auto& trace : recording().traces()) {
+    EXPECT_EQ(trace.text, "timer->callback is NULL\n");
+    EXPECT_EQ(trace.function, "qmxutil_timer_handler");
+  }
+}
+
+TEST_F(TimerTest, TheHandlerIsInstalledByTheFirstCallEvenIfThatFailsAndNeverAgain) {
+  recording().fail(qmxtest::Op::kCalloc);
+  EXPECT_EQ(QMXUtil_TimerNew(10, 0, on_expiry, nullptr), nullptr);
+  EXPECT_TRUE(recording().traces().empty());
+  struct sigaction action = {};
+  sigaction(kSignal, nullptr, &action);
+  EXPECT_EQ(action.sa_flags & (SA_SIGINFO | SA_RESTART | SA_NODEFER | SA_RESETHAND | SA_ONSTACK),
+            SA_SIGINFO | SA_RESTART);
+  EXPECT_EQ(action.sa_sigaction, qmxutil_timer_handler);
+  EXPECT_FALSE(sigismember(&action.sa_mask, SIGINT));
+  signal(kSignal, SIG_IGN);
+  Probe probe;
+  QMXUtil_TimerFree(start(probe, 1000, false));
+  struct sigaction later = {};
+  sigaction(kSignal, &action, &later);
+  EXPECT_EQ(later.sa_handler, SIG_IGN);
+}
+
+TEST_F(TimerTest, FailuresAreTracedLeaveNothingAndKeepTheMask) {
+  Probe probe;
+  const sigset_t before = mask();
+  for (const int msec : {-1, -1000, INT32_MIN}) EXPECT_EQ(start(probe, msec, true), nullptr) << msec;
+  EXPECT_EQ(recording().held(), 0);
+  EXPECT_EQ(recording().trace_texts(), std::vector<std::string>(3, "timer time setting failed!! (err.22)\n"));
+  EXPECT_EQ(recording().traces()[0].function, "QMXUtil_TimerNew");
+  EXPECT_EQ(recording().traces()[0].module, "qmxutil_timer");
+  recording().clear_traces();
+  std::vector<TimerHandle*> timers;  // as many as there are to be had
+  rlimit usual;
+  getrlimit(RLIMIT_SIGPENDING, &usual);
+  const rlimit few = {8, usual.rlim_max};
+  setrlimit(RLIMIT_SIGPENDING, &few);
+  while (TimerHandle* const timer = start(probe, 100'000, true)) timers.push_back(timer);
+  setrlimit(RLIMIT_SIGPENDING, &usual);
+  EXPECT_EQ(recording().trace_texts(), std::vector<std::string>(1, "timer creation failed!! (err.11)\n"));
+  EXPECT_EQ(recording().held(), static_cast<int>(timers.size()));
+  for (TimerHandle* timer : timers) QMXUtil_TimerFree(timer);
+  const sigset_t after = mask();
+  EXPECT_EQ(memcmp(&before, &after, sizeof before), 0);
+}
+
+TEST_F(TimerTest, SignalsThatAreNoLiveTimersExpiryAreReportedOrSilent) {
+  Probe probe;
+  TimerHandle* const dead = start(probe, 100'000, true);
+  QMXUtil_TimerFree(dead);
+  TimerHandle* const live = start(probe, 100'000, true);
+  errno = ENOENT;
+  kill(getpid(), kSignal);
+  call_handler(SIGUSR1, timer_info(live));
+  EXPECT_TRUE(wait_for([] { return recording().traces().size() == 2; }));
+  for (void* value : {static_cast<void*>(dead == live ? nullptr : dead), static_cast<void*>(&probe),
+                      reinterpret_cast<void*>(1), reinterpret_cast<void*>(UINTPTR_MAX)}) {
+    if (value != nullptr) call_handler(kSignal, timer_info(value, SI_QUEUE));
+  }
+  call_handler(kSignal, timer_info(live));  // an earlier timer's at the same address
+  EXPECT_EQ(probe.calls, 0);
+  auto texts = recording().trace_texts();
+  std::sort(texts.begin(), texts.end());
+  EXPECT_EQ(texts, (std::vector<std::string>{"sig(" + std::to_string(SIGUSR1) + ") is not QMX_TIMER_SIGNAL(" +
+                                                 std::to_string(kSignal) + ")\n",
+                                             "timer is NULL\n"}));
+  probe.msec = 0;
+  call_handler(kSignal, timer_info(live, SI_QUEUE));  // sent on purpose
+  EXPECT_EQ(probe.calls, 1);
+  EXPECT_EQ(errno, ENOENT);
+  QMXUtil_TimerFree(live);
+}
+
+TEST_F(TimerTest, ASignalPendingWhenItsTimerIsFreedIsSilent) {
+  sigset_t timer_only, pending;
+  sigemptyset(&timer_only);
+  sigaddset(&timer_only, kSignal);
+  pthread_sigmask(SIG_BLOCK, &timer_only, nullptr);
+  Probe probe;
+  TimerHandle* const timer = start(probe, 1, true);
+  EXPECT_TRUE(wait_for([&] { return sigpending(&pending) == 0 && sigismember(&pending, kSignal); }));
+  QMXUtil_TimerFree(timer);
+  const sigset_t blocked = mask();
+  EXPECT_TRUE(sigismember(&blocked, kSignal));  // as it was, not as most callers have it
+  TimerHandle* const next = start(probe, 100'000, true);
+  pthread_sigmask(SIG_UNBLOCK, &timer_only, nullptr);
+  QMXUtil_TimerFree(next);
+  EXPECT_EQ(probe.calls, 0);
+  EXPECT_TRUE(recording().traces().empty());
+}
+
+TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
+  Probe inherited, own;
+  TimerHandle* const timer = start(inherited, 1, true);
+  const pid_t child = fork();
+  if (child == 0) {
+    QMXUtil_TimerFree(timer);
+    TimerHandle* const second = start(own, 1, true);
+    const bool called = wait_for([&] { return own.calls > 2; });
+    QMXUtil_TimerFree(second);
+    _exit(called && recording().held() == 0 ? 0 : 1);
+  }
+  int status = -1;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(wait_for([&] { return inherited.calls > 2; }));
+  QMXUtil_TimerFree(timer);
+}
+
+// Freed records are unmapped and their addresses soon taken again; the recording base library takes a lock of
+// its own in every allocation and release, which the callbacks' threads are interrupted in.
+TEST_F(TimerTest, ThousandsOfTimersComeAndGoOnSeveralThreadsWhileCallbacksRun) {
+  constexpr size_t kThreads = 4, kTimers = 1500, kAtOnce = 6;  // the emulator has 32 timers in all
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < kThreads; ++t) {
+    threads.emplace_back([] {
+      std::vector<Probe> probes(kTimers);
+      std::vector<TimerHandle*> timers;
+      const auto free_one = [&](size_t i) {
+        EXPECT_TRUE(i % 16 != 0 || wait_for([&] { return probes[i].calls > 0; }));
+        QMXUtil_TimerFree(timers[i]);
+        probes[i].freed = true;
+      };
+      for (size_t i = 0; i < kTimers; ++i) {
+        timers.push_back(start(probes[i], 1, i % 3 != 0, i % 5 == 0 ? 2 : 0));
+        ASSERT_NE(timers[i], nullptr);
+        if (i >= kAtOnce) free_one(i - kAtOnce);
+      }
+      for (size_t i = kTimers - kAtOnce; i < kTimers; ++i) free_one(i);
+      usleep(5000);  // anything that came too late would come now
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GE(total_calls, static_cast<int>(kThreads * (kTimers / 16)));
+  EXPECT_TRUE(recording().traces().empty());
+}
+
+}  // namespace
