@@ -77,6 +77,14 @@ sigset_t mask() {
   return set;
 }
 
+sigset_t block_timer_signal() {
+  sigset_t timer_only, before;
+  sigemptyset(&timer_only);
+  sigaddset(&timer_only, kSignal);
+  pthread_sigmask(SIG_BLOCK, &timer_only, &before);
+  return before;
+}
+
 class TimerTest : public qmxtest::BaseTest {
  protected:
   void TearDown() override {
@@ -184,18 +192,16 @@ TEST_F(TimerTest, SignalsThatAreNoLiveTimersExpiryAreReportedOrSilent) {
 }
 
 TEST_F(TimerTest, ASignalPendingWhenItsTimerIsFreedIsSilent) {
-  sigset_t timer_only, pending;
-  sigemptyset(&timer_only);
-  sigaddset(&timer_only, kSignal);
-  pthread_sigmask(SIG_BLOCK, &timer_only, nullptr);
+  const sigset_t open = block_timer_signal();
   Probe probe;
+  sigset_t pending;
   TimerHandle* const timer = start(probe, 1, true);
   EXPECT_TRUE(wait_for([&] { return sigpending(&pending) == 0 && sigismember(&pending, kSignal); }));
   QMXUtil_TimerFree(timer);
   const sigset_t blocked = mask();
   EXPECT_TRUE(sigismember(&blocked, kSignal));  // as it was, not as most callers have it
   TimerHandle* const next = start(probe, 100'000, true);
-  pthread_sigmask(SIG_UNBLOCK, &timer_only, nullptr);
+  pthread_sigmask(SIG_SETMASK, &open, nullptr);
   QMXUtil_TimerFree(next);
   EXPECT_EQ(probe.calls, 0);
   EXPECT_TRUE(recording().traces().empty());
@@ -222,19 +228,22 @@ TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
 // Freed records are unmapped and their addresses soon taken again; the recording base library takes a lock of
 // its own in every allocation and release, which the callbacks' threads are interrupted in.
 TEST_F(TimerTest, ThousandsOfTimersComeAndGoOnSeveralThreadsWhileCallbacksRun) {
-  constexpr size_t kThreads = 4, kTimers = 1500, kAtOnce = 6;  // the emulator has 32 timers in all
+  constexpr size_t kThreads = 4, kTimers = 3000, kAtOnce = 6;  // the emulator has 32 timers in all
+  // Not for one-shot timers: the thread sanitizer loses signals while it holds one back.
+  const auto periodic = [](size_t i) { return i % 3 != 0; };
+  const auto waits = [&](size_t i) { return i % 16 == 0 && periodic(i); };
   std::vector<std::thread> threads;
   for (size_t t = 0; t < kThreads; ++t) {
-    threads.emplace_back([] {
+    threads.emplace_back([&] {
       std::vector<Probe> probes(kTimers);
       std::vector<TimerHandle*> timers;
       const auto free_one = [&](size_t i) {
-        EXPECT_TRUE(i % 16 != 0 || wait_for([&] { return probes[i].calls > 0; }));
+        while (waits(i) && probes[i].calls == 0) QMX_Free(QMX_Malloc(8, 0, 0, "", 0, ""), 0);
         QMXUtil_TimerFree(timers[i]);
         probes[i].freed = true;
       };
       for (size_t i = 0; i < kTimers; ++i) {
-        timers.push_back(start(probes[i], 1, i % 3 != 0, i % 5 == 0 ? 2 : 0));
+        timers.push_back(start(probes[i], 1, periodic(i), i % 5 == 0 ? 2 : 0));
         ASSERT_NE(timers[i], nullptr);
         if (i >= kAtOnce) free_one(i - kAtOnce);
       }
@@ -242,8 +251,9 @@ TEST_F(TimerTest, ThousandsOfTimersComeAndGoOnSeveralThreadsWhileCallbacksRun) {
       usleep(5000);  // anything that came too late would come now
     });
   }
+  block_timer_signal();  // here: the system would prefer the main thread, which is interrupted in nothing
   for (std::thread& thread : threads) thread.join();
-  EXPECT_GE(total_calls, static_cast<int>(kThreads * (kTimers / 16)));
+  EXPECT_GE(total_calls, static_cast<int>(kThreads * (kTimers / 25)));
   EXPECT_TRUE(recording().traces().empty());
 }
 
