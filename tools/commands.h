@@ -15,3 +15,4 @@ void add_userdata_commands(CLI::App& app);
 void add_probe_command(CLI::App& app);
 void add_frames_command(CLI::App& app);
 void add_convert_command(CLI::App& app);
+void add_timer_command(CLI::App& app);

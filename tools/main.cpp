@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
   add_probe_command(app);
   add_frames_command(app);
   add_convert_command(app);
+  add_timer_command(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
