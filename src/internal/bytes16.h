@@ -5,6 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
 namespace qmxutil {
 
 typedef uint8_t Bytes16 __attribute__((vector_size(16)));
@@ -30,6 +36,27 @@ inline Bytes16 equal(Pairs16 a, Pairs16 b) { return reinterpret_cast<Bytes16>(a 
 inline bool any(Bytes16 lanes) {
   const Halves16 halves = reinterpret_cast<Halves16>(lanes);
   return (halves[0] | halves[1]) != 0;
+}
+
+// The lanes of four vectors, one behind the other, as bits: the first lane is the lowest bit.
+inline uint64_t lane_bits(const Bytes16 (&lanes)[4]) {
+#if defined(__SSE2__)
+  uint64_t bits = 0;
+  for (int i = 3; i >= 0; --i) {
+    bits = bits << 16 | static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(lanes[i])));
+  }
+  return bits;
+#elif defined(__aarch64__)
+  const Bytes16 weight = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+  const Bytes16 low = vpaddq_u8(lanes[0] & weight, lanes[1] & weight);
+  const Bytes16 high = vpaddq_u8(lanes[2] & weight, lanes[3] & weight);
+  const Bytes16 sums = vpaddq_u8(low, high);
+  return reinterpret_cast<Halves16>(vpaddq_u8(sums, sums))[0];
+#else
+  uint64_t bits = 0;
+  for (size_t i = 0; i < 64; ++i) bits |= uint64_t{lanes[i / 16][i % 16] & 1u} << i;
+  return bits;
+#endif
 }
 
 }  // namespace qmxutil
