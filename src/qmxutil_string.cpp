@@ -5,10 +5,14 @@
 // bulk work never runs far ahead of what a short answer needs.
 #include "qmxutil_string.h"
 
+#include <locale.h>
+#include <string.h>
+#include <strings.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
-#include <cstring>
 
 #include "internal/byte_search.h"
 #include "internal/bytes16.h"
@@ -16,7 +20,9 @@
 #include "internal/start_code.h"
 
 using qmxutil::Bytes16;
+using qmxutil::Halves16;
 using qmxutil::load16;
+using qmxutil::load16_aligned;
 using qmxutil::Pairs16;
 using qmxutil::store16;
 
@@ -25,6 +31,7 @@ static_assert(std::endian::native == std::endian::little, "vectors and tables ho
 namespace {
 
 const uint8_t* as_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+const char* as_text(const uint8_t* bytes) { return reinterpret_cast<const char*>(bytes); }
 
 }  // namespace
 
@@ -119,49 +126,46 @@ void switch_case(uint8_t* bytes, size_t count) {
   for (; i < count; ++i) bytes[i] = switch_case<kFirst>(bytes[i]);
 }
 
-// How many bytes, in sixteens, are the same but for their case and certainly before the end of both texts.
-size_t same_in_bulk(const uint8_t* a, const uint8_t* b, size_t limit) {
-  constexpr size_t kStretch = 256;
-  size_t same = 0;
-  for (;;) {
-    size_t count = std::min(kStretch, limit - same);
-    count = strnlen(reinterpret_cast<const char*>(a + same), count);
-    count = strnlen(reinterpret_cast<const char*>(b + same), count);
-    for (const size_t end = same + count / 16 * 16; same < end; same += 16) {
-      if (qmxutil::any(switch_case<'A'>(load16<Bytes16>(a + same)) ^
-                       switch_case<'A'>(load16<Bytes16>(b + same)))) {
-        return same;
-      }
-    }
-    if (count < kStretch) return same;
+// The C locale, whose letters are those of ASCII. The C library has it ready: asking cannot fail.
+locale_t c_locale() {
+  constinit static std::atomic<locale_t> known = nullptr;
+  locale_t locale = known.load(std::memory_order_relaxed);
+  if (locale == nullptr) {
+    locale = newlocale(LC_ALL_MASK, "C", nullptr);
+    known.store(locale, std::memory_order_relaxed);
   }
+  return locale;
 }
 
-int compare_ignoring_case(const uint8_t* a, const uint8_t* b, size_t limit) {
+// How many bytes, in 128s, are certainly before a line end: most characters are above CR.
+size_t pass_over_text(const uint8_t* text, size_t count) {
   size_t i = 0;
-  while (i < limit) {
-    for (const size_t end = i + std::min<size_t>(limit - i, 16); i < end; ++i) {
-      const int difference = switch_case<'A'>(a[i]) - switch_case<'A'>(b[i]);
-      if (difference != 0 || a[i] == '\0') return difference;
+  for (; count - i >= 128; i += 128) {
+    Bytes16 least = load16<Bytes16>(text + i);
+    for (size_t k = i + 16; k < i + 128; k += 16) {
+      const Bytes16 bytes = load16<Bytes16>(text + k);
+      least = bytes < least ? bytes : least;
     }
-    i += same_in_bulk(a + i, b + i, limit - i);
+    if (qmxutil::any(reinterpret_cast<Bytes16>(least <= '\r'))) break;
   }
-  return 0;
+  return i;
 }
 
 // Bytes before the first NUL, LF or CR.
 size_t first_line_length(const char* text) {
   size_t length = 0;
-  for (size_t stretch = 256;; stretch *= 2) {
-    const char* const from = text + length;
-    size_t count = strnlen(from, stretch);
+  for (size_t stretch = 120;; stretch = 1024) {  // most lines are short
+    const size_t readable = strnlen(text + length, stretch);
+    const size_t passed = pass_over_text(as_bytes(text + length), readable);
+    const char* const from = text + length + passed;
+    size_t count = readable - passed;
     for (const char line_end : {'\n', '\r'}) {
       if (const void* at = memchr(from, line_end, count)) {
         count = static_cast<size_t>(static_cast<const char*>(at) - from);
       }
     }
-    length += count;
-    if (count < stretch) return length;
+    length += passed + count;
+    if (passed + count < stretch) return length;
   }
 }
 
@@ -177,13 +181,10 @@ char* QMXUtilStrntoupper(char* s, int32_t n) {
   return s;
 }
 
-int QMXUtilStricmp(const char* a, const char* b) {
-  return compare_ignoring_case(as_bytes(a), as_bytes(b), SIZE_MAX);
-}
+// POSIX promises only the sign of these results; glibc gives the difference of the folded bytes.
+int QMXUtilStricmp(const char* a, const char* b) { return strcasecmp_l(a, b, c_locale()); }
 
-int QMXUtilStrnicmp(const char* a, const char* b, uint32_t n) {
-  return compare_ignoring_case(as_bytes(a), as_bytes(b), n);
-}
+int QMXUtilStrnicmp(const char* a, const char* b, uint32_t n) { return strncasecmp_l(a, b, n, c_locale()); }
 
 char* QMXUtilStrdupn(const char* src, uint32_t n) {
   if (src == nullptr || n == UINT32_MAX) return nullptr;
@@ -424,6 +425,57 @@ Bytes16 join_nibbles(Bytes16 text) {
   return reinterpret_cast<Bytes16>((pairs << 4) + (pairs >> 8));
 }
 
+constexpr uint8_t kPrefixEnd = 1;  // of 00 00 01
+
+// The first start code prefix that begins at p[0] to p[15], or null. Reads p[0] to p[17].
+const uint8_t* prefix_among_16(const uint8_t* p) {
+  const Bytes16 misses = load16<Bytes16>(p) | load16<Bytes16>(p + 1) | (load16<Bytes16>(p + 2) ^ kPrefixEnd);
+  const Halves16 hits = reinterpret_cast<Halves16>(qmxutil::equal(misses, Bytes16{}));
+  if (hits[0] != 0) return p + __builtin_ctzll(hits[0]) / 8;
+  if (hits[1] != 0) return p + 8 + __builtin_ctzll(hits[1]) / 8;
+  return nullptr;
+}
+
+const uint8_t* prefix_among_128(const uint8_t* p) {
+  const uint8_t* prefix = nullptr;
+  for (int i = 0; i < 128 && prefix == nullptr; i += 16) prefix = prefix_among_16(p + i);
+  return prefix;
+}
+
+// Whether a prefix may begin at p[-1] to p[126]. Wherever it begins, it puts 00 00 or 00 01 into one of the
+// aligned pairs of bytes. The least bytes of all sixteens show that there is no such pair in any of them.
+bool may_have_prefix(const uint8_t* p) {
+  Bytes16 least = load16_aligned<Bytes16>(p);
+  for (int i = 16; i < 128; i += 16) {
+    const Bytes16 bytes = load16_aligned<Bytes16>(p + i);
+    least = bytes < least ? bytes : least;
+  }
+  const Pairs16 pairs = reinterpret_cast<Pairs16>(least) & 0xFEFF;
+  return qmxutil::any(qmxutil::equal(pairs, Pairs16{}));
+}
+
+// Whether a prefix begins at p[-2] to p[125]. Where zeros are common, the 01 is what is rare.
+bool has_prefix_that_ends(const uint8_t* p) {
+  Bytes16 ends = {};
+  for (int i = 0; i < 128; i += 16)
+    ends |= qmxutil::equal(load16_aligned<Bytes16>(p + i), Bytes16{} + kPrefixEnd);
+  if (!qmxutil::any(ends)) return false;
+  const Halves16 halves = reinterpret_cast<Halves16>(ends);
+  for (int half = 0; half < 2; ++half) {
+    for (uint64_t rest = halves[half]; rest != 0;) {
+      const int bit = __builtin_ctzll(rest);
+      const uint8_t* const lane = p + 8 * half + bit / 8;
+      for (int i = 0; i < 128; i += 16) {
+        uint16_t before;
+        memcpy(&before, lane + i - 2, sizeof before);
+        if (before == 0 && lane[i] == kPrefixEnd) return true;
+      }
+      rest &= ~(uint64_t{0xFF} << bit);
+    }
+  }
+  return false;
+}
+
 // A cursor search needs one byte more than a start code has, and leaves this many when it finds nothing.
 constexpr uint32_t kStartCodeSize = 4;
 
@@ -475,8 +527,37 @@ char* QMXUtil_ConvBinToStr(const uint8_t* bin, uint32_t len) {
 }
 
 size_t qmxutil::find_start_code_prefix(const uint8_t* data, size_t from, size_t length) {
-  constexpr uint8_t kPrefix[] = {0, 0, 1};
-  return find_bytes(data, from, length, kPrefix, sizeof kPrefix);
+  if (from > length || length - from < 3) return length;
+  const uint8_t* p = data + from;
+  const uint8_t* const end = data + length;
+  const uint8_t* prefix = nullptr;
+  if (end - p < 18) {
+    for (; end - p >= 3; ++p) {
+      if (p[0] == 0 && p[1] == 0 && p[2] == kPrefixEnd) return static_cast<size_t>(p - data);
+    }
+    return length;
+  }
+
+  if (end - p >= 160) {
+    prefix = prefix_among_16(p);
+    if (prefix != nullptr) return static_cast<size_t>(prefix - data);
+    p += 17 - reinterpret_cast<uintptr_t>(p + 1) % 16;  // aligned; prefixes that begin before p[-1] are found
+    while (end - p >= 129) {
+      if (!may_have_prefix(p)) {
+        p += 128;
+        continue;
+      }
+      // Zeros are about. In this loop, prefixes that begin before p[-2] have been found.
+      for (int i = 0; i < 16 && end - p >= 129; ++i, p += 128) {
+        if (has_prefix_that_ends(p)) return static_cast<size_t>(prefix_among_128(p - 2) - data);
+      }
+      if (p[-2] == 0 && p[-1] == 0 && p[0] == kPrefixEnd) return static_cast<size_t>(p - 2 - data);
+    }
+    --p;
+  }
+  for (; end - p >= 18 && prefix == nullptr; p += 16) prefix = prefix_among_16(p);
+  if (prefix == nullptr) prefix = prefix_among_16(end - 18);  // some places for the second time
+  return prefix != nullptr ? static_cast<size_t>(prefix - data) : length;
 }
 
 int QMXUtil_FindStartCode(const uint8_t** buf, uint32_t* len, uint32_t* code) {
@@ -649,7 +730,7 @@ const char* QMXUtilBase64Decoding(const char* text, uint8_t* out, uint32_t len, 
     if (written < 3) break;
   }
   *outlen = static_cast<uint32_t>(write - out);
-  return reinterpret_cast<const char*>(in);
+  return as_text(in);
 }
 
 const char* QMXUtilBase64GetString(const char* text, const char** start, uint32_t* len) {

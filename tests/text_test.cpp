@@ -18,7 +18,7 @@ using qmxtest::GuardedBytes;
 using qmxtest::recording;
 
 // Sizes up to a few vectors and up to a few of the stretches that the searches pass over at once.
-constexpr uint32_t kLongest = 200;
+constexpr uint32_t kLongest = 600;
 
 class TextTest : public qmxtest::BaseTest {
  protected:

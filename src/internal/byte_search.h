@@ -26,6 +26,12 @@ inline ptrdiff_t match_among_16(const uint8_t* data, size_t i, const uint8_t* pa
   return -1;
 }
 
+inline Pairs16 every_pair(const uint8_t* bytes) {
+  uint16_t pair;
+  std::memcpy(&pair, bytes, sizeof pair);
+  return Pairs16{} + pair;
+}
+
 // Position of the first occurrence that lies whole within [from, length), or `length` when there is none.
 // The pattern has at least two bytes.
 inline size_t find_bytes(const uint8_t* data, size_t from, size_t length, const uint8_t* pattern,
@@ -40,18 +46,26 @@ inline size_t find_bytes(const uint8_t* data, size_t from, size_t length, const 
     return length;
   }
 
-  uint16_t last_two;
-  std::memcpy(&last_two, pattern + size - 2, 2);
-  const Pairs16 wanted = Pairs16{} + last_two;
-  for (; length - i >= 65; i += 64) {
-    Bytes16 hits = {};
-    for (size_t k = i; k < i + 64; k += 16) {
-      hits |= equal(load16<Pairs16>(data + k), wanted) | equal(load16<Pairs16>(data + k + 1), wanted);
-    }
-    if (!any(hits)) continue;
-    for (size_t k = i; k < i + 64; k += 16) {
-      const ptrdiff_t at = match_among_16(data, k, pattern, size);
-      if (at >= 0) return static_cast<size_t>(at);
+  if (length - i >= 160) {
+    const ptrdiff_t at = match_among_16(data, i, pattern, size);
+    if (at >= 0) return static_cast<size_t>(at);
+    i += 16 - reinterpret_cast<uintptr_t>(data + i) % 16;
+    // Of the aligned pairs of bytes, one holds the last two bytes, or the two that begin one byte before
+    // them. A pattern of two bytes has no byte before them: it is looked for in the pairs between as well.
+    const size_t shift = size > 2 ? 0 : 1;
+    const Pairs16 even = every_pair(pattern + size - 2);
+    const Pairs16 odd = every_pair(pattern + size - 3 + shift);
+    for (; length - i >= 129; i += 128) {
+      Bytes16 hits = {};
+      for (size_t k = i; k < i + 128; k += 16) {
+        hits |=
+            equal(load16_aligned<Pairs16>(data + k), even) | equal(load16<Pairs16>(data + k + shift), odd);
+      }
+      if (!any(hits)) continue;
+      for (size_t k = i; k < i + 128; k += 16) {
+        const ptrdiff_t found = match_among_16(data, k, pattern, size);
+        if (found >= 0) return static_cast<size_t>(found);
+      }
     }
   }
   for (; length - i >= 17; i += 16) {

@@ -25,6 +25,11 @@ Vector load16(const void* from) {
 }
 
 template <class Vector>
+Vector load16_aligned(const void* from) {
+  return load16<Vector>(__builtin_assume_aligned(from, 16));
+}
+
+template <class Vector>
 void store16(void* to, Vector vector) {
   std::memcpy(to, &vector, sizeof vector);
 }
