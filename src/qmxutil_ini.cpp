@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
 
+#include "internal/byte_masks.h"
 #include "internal/handles.h"
 #include "internal/ini.h"
 #include "internal/trace.h"
@@ -19,10 +21,12 @@
 
 namespace {
 
-using std::string_view;
 using qmxutil::Block;
 using qmxutil::CString;
 using qmxutil::FileStream;
+using qmxutil::kMaskBytes;
+using qmxutil::match_bytes;
+using std::string_view;
 
 constinit char MODULE[] = "qmxutil_ini";
 
@@ -31,7 +35,6 @@ constexpr int32_t kSizeUnit = 2048;          // committed sizes are multiples of
 constexpr uint32_t kWorkRoom = 2048;         // work buffer of a write for a text shorter than that
 constexpr uint64_t kWorkFactor = 5;          // and for a longer one, times its length
 constexpr size_t kLongestSearchedKey = 63;   // characters
-constexpr char kNoPairMarks[] = "[;#";       // a line with one of them is no pair
 constexpr char kNoEntryMarks[] = "[]#;";     // a line with one of them is written to at its own '=' only
 constexpr char kPairFormat[] = "%s = %s\n";  // what a write appends
 constexpr size_t kPairFormatLength = 4;      // without the key and the value
@@ -48,7 +51,8 @@ static_assert(offsetof(INIHandle, length) == 4 * sizeof(char*) && offsetof(INIHa
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 bool is_line_break(char c) { return c == '\r' || c == '\n'; }
-bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }  // isspace() in the C locale
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }       // isspace() in the C locale
+bool makes_no_pair(char c) { return (c == '[') | (c == ';') | (c == '#'); }  // anywhere in the line
 bool ends_key(char c) { return is_blank(c) || c == '='; }
 char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -61,6 +65,11 @@ const char* skip(const char* from, const char* end, Predicate in_class) {
 const char* find(const char* from, const char* end, char c) {
   const void* const hit = std::memchr(from, c, static_cast<size_t>(end - from));
   return hit != nullptr ? static_cast<const char*>(hit) : end;
+}
+
+// The last `c` in [from, end), or null.
+const char* find_last(const char* from, const char* end, char c) {
+  return static_cast<const char*>(memrchr(from, c, static_cast<size_t>(end - from)));
 }
 
 string_view between(const char* from, const char* end) { return {from, static_cast<size_t>(end - from)}; }
@@ -83,10 +92,12 @@ struct Pair {
 
 // Takes a line (from its first character that is no white space to before its line feed) apart.
 bool parse_pair(string_view line, Pair& pair) {
-  if (line.find_first_of(kNoPairMarks) != string_view::npos) return false;
+  uint8_t marked = 0;  // without a way out of the loop it is done many characters at a time
+  for (const char c : line) marked |= static_cast<uint8_t>(makes_no_pair(c));
+  if (marked) return false;
   const char* const end = line.data() + line.size();
   const char* const key_end = std::find_if(line.data(), end, ends_key);
-  const char* const equals = find(key_end, end, '=');
+  const char* const equals = std::find(key_end, end, '=');
   if (equals == end) return false;
   const char* const value = skip(equals + 1, end, is_blank);
   pair = {between(line.data(), key_end), between(value, find(value, end, '\r'))};
@@ -111,14 +122,25 @@ Step next_line(INIHandle& handle, Pair& pair) {
 
 // ---- Search
 
-// The first place in [from, end) where `key` stands with a character that ends it behind it, or `end`.
+// The first place in [from, end) where `key` stands with a character that ends it behind it, or `end`. An
+// empty key stands at each '='.
 const char* find_key_text(const char* from, const char* end, string_view key) {
   const size_t behind = key.size();
-  const char first = key.empty() ? '=' : key[0];
-  for (const char* at = from; static_cast<size_t>(end - at) > behind; ++at) {
-    at = find(at, end - behind, first);
-    if (at == end - behind) break;
-    if (ends_key(at[behind]) && between(at, at + behind) == key) return at;
+  const string_view probe = key.empty() ? string_view("=") : key;
+  const size_t middle = probe.size() / 2;
+  const size_t last = probe.size() - 1;
+  const char* at = from;
+  for (; static_cast<size_t>(end - at) >= kMaskBytes + probe.size(); at += kMaskBytes) {
+    uint64_t hits = (match_bytes(at, probe[0]) & match_bytes(at + middle, probe[middle]) &
+                     match_bytes(at + last, probe[last]))
+                        .bits();
+    for (; hits != 0; hits &= hits - 1) {
+      const char* const hit = at + std::countr_zero(hits);
+      if (ends_key(hit[behind]) && between(hit, hit + behind) == key) return hit;
+    }
+  }
+  for (; static_cast<size_t>(end - at) > behind; ++at) {
+    if (*at == probe[0] && ends_key(at[behind]) && between(at, at + behind) == key) return at;
   }
   return end;
 }
@@ -132,7 +154,9 @@ bool begins_line(const char* from, const char* at) {
 // Finds the first pair with this key in [from, end), where lines are what next_line() makes of it. Returns
 // the start of its line, or `end`.
 const char* find_pair(const char* from, const char* end, string_view key, Pair& pair) {
-  const bool possible = key.size() <= kLongestSearchedKey && key.find_first_of(" \t=\n[;#") == key.npos &&
+  const auto is_foreign = [](char c) { return ends_key(c) || makes_no_pair(c) || c == '\n'; };
+  const bool possible = key.size() <= kLongestSearchedKey &&
+                        std::none_of(key.begin(), key.end(), is_foreign) &&
                         (key.empty() || !is_space(key[0]));
   if (!possible) return end;
   const char* at = find_key_text(from, end, key);
@@ -142,21 +166,49 @@ const char* find_pair(const char* from, const char* end, string_view key, Pair& 
   return at;
 }
 
+// Whether the text behind an '=' and blanks goes on for `length` characters before the line or the text ends.
+bool is_followed_by(const char* equals, const char* end, size_t length) {
+  const char* const value = skip(equals + 1, end, is_blank);
+  return static_cast<size_t>(end - value) >= length && find(value, value + length, '\n') == value + length;
+}
+
+// An '=' of the last line in [from, end) in which that many characters (at least 1) follow one, or null.
+const char* find_long_value(const char* from, const char* end, size_t length) {
+  const uint64_t close = ((uint64_t{1} << std::min<size_t>(length, 63)) - 1) << 1;
+  const char* at = end;
+  uint64_t next = 1;  // line feeds of the 64 bytes at `at`; the end of the text is as good as one
+  for (; static_cast<size_t>(at - from) >= kMaskBytes; at -= kMaskBytes) {
+    const char* const block = at - kMaskBytes;
+    const uint64_t here = match_bytes(block, '\n').bits();
+    const char* last = nullptr;
+    for (uint64_t equals = match_bytes(block, '=').bits(); equals != 0; equals &= equals - 1) {
+      const int i = std::countr_zero(equals);
+      const uint64_t line_feeds = here >> i | next << 1 << (63 - i);
+      if ((line_feeds & close) == 0 && is_followed_by(block + i, end, length)) last = block + i;
+    }
+    if (last != nullptr) return last;
+    next = here;
+  }
+  while ((at = find_last(from, at, '=')) != nullptr && !is_followed_by(at, end, length)) {
+  }
+  return at;
+}
+
 // Leaves in `value` what the pairs of [from, end) would, had the value of each been copied there in turn,
 // behind its first `written` bytes, which came later. From the last pair to the first, only a value longer
 // than all after it has something to add.
 void leave_passed_values(const char* from, const char* end, char* value, size_t written) {
-  while (from != end) {
-    const void* const line_feed = memrchr(from, '\n', static_cast<size_t>(end - from));
-    const char* const line = line_feed != nullptr ? static_cast<const char*>(line_feed) + 1 : from;
+  while (const char* const equals = find_long_value(from, end, written)) {
+    const char* const line_feed = find_last(from, equals, '\n');
+    const char* const line = line_feed != nullptr ? line_feed + 1 : from;
+    const char* const line_end = find(equals, end, '\n');
     Pair pair;
-    if (static_cast<size_t>(end - line) > written &&
-        parse_pair(between(skip(line, end, is_space), end), pair) && pair.value.size() >= written) {
+    if (parse_pair(between(skip(line, line_end, is_space), line_end), pair) && pair.value.size() >= written) {
       std::memcpy(value + written, pair.value.data() + written, pair.value.size() - written);
       value[pair.value.size()] = '\0';
       written = pair.value.size() + 1;
     }
-    end = line_feed != nullptr ? line - 1 : from;
+    end = line;
   }
 }
 
