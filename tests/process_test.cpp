@@ -18,7 +18,18 @@
 #include "replacement_tools.h"
 
 namespace {
-bool settle = false;  // waitpid() begins when the child has ended, so that looking once finds it so
+bool settle = false;    // waitpid() begins when the child has ended, so that looking once finds it so
+pid_t victim = 0;       // the one process that may be signalled, a child of the test's own
+int refused_kills = 0;  // attempts at any other: they go nowhere, whatever the code under test does
+}  // namespace
+
+// No signal leaves this program but to its own child: a fault in the code under test must not reach the
+// processes of the machine that it runs on.
+extern "C" int kill(pid_t pid, int sig) {
+  if (pid > 0 && pid == victim) return static_cast<int>(syscall(SYS_kill, pid, sig));
+  ++refused_kills;
+  errno = EPERM;
+  return -1;
 }
 
 extern "C" pid_t waitpid(pid_t pid, int* status, int options) {
@@ -49,6 +60,12 @@ bool exec_failure_is_told() {
 
 class ProcessTest : public qmxtest::BaseTest {
  protected:
+  void SetUp() override {
+    BaseTest::SetUp();
+    victim = refused_kills = 0;
+    kill(0, 0);  // to nobody and no signal: only asks whose kill() it is
+    ASSERT_EQ(refused_kills--, 1) << "signals would reach the machine";
+  }
   void TearDown() override {
     BaseTest::TearDown();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
@@ -136,6 +153,7 @@ TEST_F(ProcessTest, AProgramThatIsNotWaitedForIsItsStartersToReap) {
   ASSERT_GT(child, 0);
   expect_messages("QMXUtil_ProcessRunEx",
                   {{1, "Process still running: pid=" + std::to_string(child) + "\n"}});
+  victim = child;
   EXPECT_EQ(QMXUtil_ProcessKill(nullptr, child), 1);
   int status;
   ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -282,18 +300,17 @@ TEST_F(ProcessTest, KillNeverReachesAGroup) {
     expect_messages("QMXUtil_ProcessKill",
                     {{1, "No such process (some: " + std::to_string(pid) + ") to kill!\n"}});
   }
-  tools_.tool("pidof", "echo 4294967297");  // no process id: must not become init's
+  tools_.tool("pidof", "echo 4294967297");  // no process id: must not become another one's
   EXPECT_EQ(QMXUtil_ProcessKill("some", 0), 0);
+  EXPECT_EQ(refused_kills, 0) << "nothing was to be signalled";
 }
 
 TEST_F(ProcessTest, KillTriesTenTimesWhenItIsNotAllowedTo) {
-  const bool root = geteuid() == 0;
-  ASSERT_EQ(root ? setresuid(65534, 65534, 0) : 0, 0);
-  const int result = QMXUtil_ProcessKill(nullptr, 1);
-  ASSERT_EQ(root ? setresuid(0, 0, 0) : 0, 0);
-  EXPECT_EQ(result, 0);
+  EXPECT_EQ(QMXUtil_ProcessKill(nullptr, getpid()), 0);
+  EXPECT_EQ(refused_kills, 10);
   EXPECT_EQ(recording().calls_of("ThreadSleep 100").size(), 10u);
-  expect_messages("QMXUtil_ProcessKill", {{1, "Failed to kill ((null): 1)\n"}});
+  expect_messages("QMXUtil_ProcessKill",
+                  {{1, "Failed to kill ((null): " + std::to_string(getpid()) + ")\n"}});
 }
 
 TEST_F(ProcessTest, SignalsDoNotEndAWait) {
