@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <tuple>
 
 #include "internal/first_frame.h"
 #include "qmxutil_video.h"
@@ -92,6 +93,20 @@ Record marked() {
 template <class Record>
 bool equal(const Record& a, const Record& b) {
   return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// What stands in front of the first four-byte start code, then the unit behind each.
+std::vector<std::string> split(const std::string& data) {
+  std::vector<std::string> parts(1);
+  for (size_t i = 0; i < data.size(); ++i) {
+    if (data.compare(i, 4, kStartCode) == 0) {
+      parts.emplace_back();
+      i += 3;
+    } else {
+      parts.back() += data[i];
+    }
+  }
+  return parts;
 }
 
 // ---- Exp-Golomb codes
@@ -271,79 +286,79 @@ TEST_F(VideoTest, EmulationPreventionIsRemovedAsTheStepsSay) {
   }
 }
 
-void put_profile(Bits& bits, H265ProfileTierLevel& want, uint32_t n,
-                 const std::function<uint32_t(uint32_t)>& value) {
-  const auto field = [&](uint32_t size) { return static_cast<uint8_t>(bits.u(size, value(size))); };
-  want.general_profile_space = field(2);
-  want.general_tier_flag = field(1);
-  want.general_profile_idc = field(5);
-  for (uint8_t& flag : want.general_profile_compatibility_flag) flag = field(1);
-  want.general_progressive_source_flag = field(1);
-  want.general_interlaced_source_flag = field(1);
-  want.general_non_packed_constraint_flag = field(1);
-  want.general_frame_only_constraint_flag = field(1);
-  for (int i = 0; i < 44; ++i) field(1);
-  want.general_level_idc = field(8);
+using Values = std::function<uint32_t(uint32_t)>;
+
+void put_profile(Bits& bits, H265ProfileTierLevel& want, uint32_t n, const Values& value) {
+  const auto put = [&](uint32_t size, uint8_t& field) {
+    field = static_cast<uint8_t>(bits.u(size, value(size)));
+  };
+  const auto put_half = [&](uint8_t& space, uint8_t& tier, uint8_t& idc, uint8_t(&compatibility)[32],
+                            uint8_t& progressive, uint8_t& interlaced, uint8_t& non_packed,
+                            uint8_t& frame_only) {
+    put(2, space), put(1, tier), put(5, idc);
+    for (uint8_t& flag : compatibility) put(1, flag);
+    put(1, progressive), put(1, interlaced), put(1, non_packed), put(1, frame_only);
+    bits.u(32, value(32)), bits.u(12, value(12));
+  };
+  put_half(want.general_profile_space, want.general_tier_flag, want.general_profile_idc,
+           want.general_profile_compatibility_flag, want.general_progressive_source_flag,
+           want.general_interlaced_source_flag, want.general_non_packed_constraint_flag,
+           want.general_frame_only_constraint_flag);
+  put(8, want.general_level_idc);
   for (uint32_t i = 0; i < n; ++i) {
-    want.sub_layer_profile_present_flag[i] = field(1);
-    want.sub_layer_level_present_flag[i] = field(1);
+    put(1, want.sub_layer_profile_present_flag[i]), put(1, want.sub_layer_level_present_flag[i]);
   }
-  for (uint32_t i = n; n > 0 && i < 8; ++i) field(2);
+  for (uint32_t i = n; n > 0 && i < 8; ++i) bits.u(2, value(2));
   for (uint32_t i = 0; i < n; ++i) {
     if (want.sub_layer_profile_present_flag[i]) {
-      want.sub_layer_profile_space[i] = field(2);
-      want.sub_layer_tier_flag[i] = field(1);
-      want.sub_layer_profile_idc[i] = field(5);
-      for (uint8_t& flag : want.sub_layer_profile_compatibility_flag[i]) flag = field(1);
-      want.sub_layer_progressive_source_flag[i] = field(1);
-      want.sub_layer_interlaced_source_flag[i] = field(1);
-      want.sub_layer_non_packed_constraint_flag[i] = field(1);
-      want.sub_layer_frame_only_constraint_flag[i] = field(1);
-      for (int j = 0; j < 44; ++j) field(1);
+      put_half(want.sub_layer_profile_space[i], want.sub_layer_tier_flag[i], want.sub_layer_profile_idc[i],
+               want.sub_layer_profile_compatibility_flag[i], want.sub_layer_progressive_source_flag[i],
+               want.sub_layer_interlaced_source_flag[i], want.sub_layer_non_packed_constraint_flag[i],
+               want.sub_layer_frame_only_constraint_flag[i]);
     }
-    if (want.sub_layer_level_present_flag[i]) want.sub_layer_level_idc[i] = field(8);
+    if (want.sub_layer_level_present_flag[i]) put(8, want.sub_layer_level_idc[i]);
   }
 }
 
 // Where the units lie: byte by byte, then each to the next of the others behind it.
-void locate(const uint8_t* data, uint32_t length, H265ParamSetInfo& want) {
-  const uint8_t* nals[3] = {};
-  for (uint32_t i = 0; i + 5 <= length && !(nals[0] && nals[1] && nals[2]); ++i) {
-    if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 0 || data[i + 3] != 1) continue;
+void locate(const GuardedBytes& stream, H265ParamSetInfo& want) {
+  const uint8_t *const data = stream.data(), *nals[3] = {};
+  for (uint32_t i = 0; i + 5 <= stream.size() && !(nals[0] && nals[1] && nals[2]); ++i) {
     for (int k = 0; k < 3; ++k) {
-      if (data[i + 4] == 0x40 + 2 * k) nals[k] = data + i + 4;
+      if (std::memcmp(data + i, "\0\0\0\1", 4) == 0 && data[i + 4] == 0x40 + 2 * k) nals[k] = data + i + 4;
     }
   }
-  uint32_t lengths[3] = {};
-  for (int k = 0; k < 3; ++k) {
-    const uint8_t* end = data + length;
-    for (const uint8_t* other : nals) {
-      if (nals[k] != nullptr && other != nullptr && other > nals[k] && other - 4 < end) end = other - 4;
-    }
-    if (nals[k] != nullptr) lengths[k] = static_cast<uint32_t>(end - nals[k]);
-  }
+  const auto length = [&](const uint8_t* nal) {
+    const uint8_t* end = data + stream.size();
+    for (const uint8_t* other : nals) end = nal < other ? std::min(end, other - 4) : end;
+    return nal == nullptr ? 0 : static_cast<uint32_t>(end - nal);
+  };
   want.vpsNal = nals[0], want.spsNal = nals[1], want.ppsNal = nals[2];
-  want.vpsNalLength = lengths[0], want.spsNalLength = lengths[1], want.ppsNalLength = lengths[2];
+  want.vpsNalLength = length(nals[0]), want.spsNalLength = length(nals[1]),
+  want.ppsNalLength = length(nals[2]);
 }
 
 TEST_F(VideoTest, H265ParameterSetsAreLocatedAndRead) {
-  const auto value_of = [&](uint32_t bits) { return value(bits); };
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 4000; ++i) {
     H265ParamSetInfo info = marked<H265ParamSetInfo>(), want = info;
+    const Values value_of = [&](uint32_t bits) { return value(bits); };
     Bits vps, sps;
+    const auto put = [&](Bits& bits, uint32_t n, uint8_t& field) {
+      field = static_cast<uint8_t>(bits.u(n, value(n)));
+    };
     vps.u(16, 0x4001);
-    want.vps_video_parameter_set_id = static_cast<uint8_t>(vps.u(4, value(4)));
-    want.vps_base_layer_internal_flag = static_cast<uint8_t>(vps.u(1, value(1)));
-    want.vps_base_layer_available_flag = static_cast<uint8_t>(vps.u(1, value(1)));
-    want.vps_max_layers_minus1 = static_cast<uint8_t>(vps.u(6, value(6)));
-    want.vps_max_sub_layers_minus1 = static_cast<uint8_t>(vps.u(3, value(3)));
-    want.vps_temporal_id_nesting_flag = static_cast<uint8_t>(vps.u(1, value(1)));
+    put(vps, 4, want.vps_video_parameter_set_id);
+    put(vps, 1, want.vps_base_layer_internal_flag);
+    put(vps, 1, want.vps_base_layer_available_flag);
+    put(vps, 6, want.vps_max_layers_minus1);
+    put(vps, 3, want.vps_max_sub_layers_minus1);
+    put(vps, 1, want.vps_temporal_id_nesting_flag);
     vps.u(16, 0xFFFF);
     put_profile(vps, want.vpsProfileTierLevel, std::min<uint32_t>(want.vps_max_sub_layers_minus1, 6),
                 value_of);
     sps.u(16, 0x4201);
-    want.sps_video_parameter_set_id = static_cast<uint8_t>(sps.u(4, value(4)));
-    want.sps_max_sub_layers_minus1 = static_cast<uint8_t>(sps.u(3, value(3)));
+    put(sps, 4, want.sps_video_parameter_set_id);
+    put(sps, 3, want.sps_max_sub_layers_minus1);
     sps.u(1, value(1));
     put_profile(sps, want.spsProfileTierLevel, std::min<uint32_t>(want.sps_max_sub_layers_minus1, 6),
                 value_of);
@@ -351,34 +366,25 @@ TEST_F(VideoTest, H265ParameterSetsAreLocatedAndRead) {
     want.chroma_format_idc = static_cast<uint8_t>(sps.ue(below(4)));
     want.pic_width_in_luma_samples = static_cast<uint16_t>(sps.ue(value(16)));
     want.pic_height_in_luma_samples = static_cast<uint16_t>(sps.ue(value(16)));
-    std::string units[] = {vps.bytes(), sps.bytes(), hex("44 01 C0") + plain_bytes(below(9)),
-                           hex("4E 01") + plain_bytes(below(20))};
+    std::string units[] = {vps.bytes(), sps.bytes(), "\x44" + plain_bytes(below(9)),
+                           "\x4E" + plain_bytes(below(20))};
     std::shuffle(std::begin(units), std::end(units), random_);
+    const bool hostile = chance(2);  // units cut, doubled, left out, behind start codes of all lengths
     std::string stream;
-    for (const std::string& unit : units) stream += kStartCode + unit;
-    const GuardedBytes data(stream);
-    locate(data.data(), data.size(), want);
-    EXPECT_EQ(UtilConvH265InfoFromStartCode(data.data(), static_cast<int32_t>(data.size()), &info), 0);
-    EXPECT_TRUE(equal(info, want)) << "case " << i;
-  }
-}
-
-TEST_F(VideoTest, HostileH265ParameterSetStreams) {
-  for (int i = 0; i < 20000; ++i) {
-    std::string stream;
-    while (!chance(5)) {
-      static const char headers[] = {0x40, 0x42, 0x44, 0x40, 0x42, 0x44, 0x4E};
-      stream += kStartCode.substr(below(3)) + headers[below(sizeof headers)] + tricky_bytes(below(30));
+    for (int k = 0; k < 4 || (hostile && !chance(4)); ++k) {
+      const std::string& unit = units[hostile ? below(4) : static_cast<uint32_t>(k)];
+      stream += kStartCode.substr(hostile ? below(3) : 0) +
+                (hostile ? unit.substr(0, below(30)) + tricky_bytes(below(9)) : unit);
     }
-    if (stream.empty()) continue;
     const GuardedBytes data(stream);
-    H265ParamSetInfo info = {}, want = {};
-    locate(data.data(), data.size(), want);
+    locate(data, want);
     EXPECT_EQ(UtilConvH265InfoFromStartCode(data.data(), static_cast<int32_t>(data.size()), &info), 0);
-    EXPECT_TRUE(info.vpsNal == want.vpsNal && info.spsNal == want.spsNal && info.ppsNal == want.ppsNal);
-    EXPECT_EQ(info.vpsNalLength, want.vpsNalLength);
-    EXPECT_EQ(info.spsNalLength, want.spsNalLength);
-    EXPECT_EQ(info.ppsNalLength, want.ppsNalLength);
+    const auto places = [](const H265ParamSetInfo& at) {
+      return std::make_tuple(at.vpsNal, at.vpsNalLength, at.spsNal, at.spsNalLength, at.ppsNal,
+                             at.ppsNalLength);
+    };
+    EXPECT_EQ(places(info), places(want));
+    EXPECT_TRUE(hostile || equal(info, want)) << "case " << i;
   }
 }
 
@@ -456,58 +462,53 @@ std::string converted(Convert convert, const std::string& input, size_t room) {
 
 TEST_F(VideoTest, RecordsBecomeStartCodesHoweverTheyAreCut) {
   for (int i = 0; i < 300; ++i) {
-    std::string avcc = hex("01 64 00 28 FF"), hvcc(22, 1), arrays;
-    struct Unit {
-      size_t end;  // in its record
-      std::string bytes;
-    };
-    std::vector<Unit> avc_units, hevc_units;
-    const auto add = [&](std::string& record, std::vector<Unit>& units) {
-      const std::string unit = plain_bytes(below(12));
-      record += be(unit.size(), 2) + unit;
-      units.push_back({record.size(), unit});
-    };
-    const uint32_t sps = below(3), pps = below(3);
-    avcc += static_cast<char>(0xE0 | sps);
-    for (uint32_t k = 0; k < sps; ++k) add(avcc, avc_units);
-    const size_t pps_count = avcc.size();
-    avcc += static_cast<char>(pps);
-    for (uint32_t k = 0; k < pps; ++k) add(avcc, avc_units);
-    if (chance(2)) avcc += hex("FD F8 F8 00");
-    arrays += static_cast<char>(1 + below(3));
-    for (int k = 0; k < arrays[0]; ++k) {
-      const uint32_t count = below(3);
-      arrays += '\x20' + be(count, 2);
-      for (uint32_t j = 0; j < count; ++j) add(arrays, hevc_units);
-    }
-    for (size_t cut = 0; cut <= avcc.size(); ++cut) {
-      std::string want;
-      for (size_t k = 0; k < avc_units.size() && avc_units[k].end <= cut && cut > 6; ++k) {
-        if (k < sps || cut - pps_count > 4) want += kStartCode + avc_units[k].bytes;
+    std::string record;
+    std::vector<std::pair<size_t, std::string>> units;  // where each ends in the record, and its bytes
+    const auto add_units = [&](uint32_t count) {
+      for (; count > 0; --count) {
+        const std::string unit = plain_bytes(below(12));
+        record += be(unit.size(), 2) + unit;
+        units.emplace_back(record.size(), unit);
       }
-      EXPECT_EQ(converted(QMXUtil_ConvH264InfoToStartCode, avcc.substr(0, cut), want.size()), want);
+    };
+    const auto check = [&](Convert convert, size_t group_at) {  // 4 bytes of a group are not looked at
+      for (size_t cut = 0; cut <= record.size(); ++cut) {
+        std::string want;
+        for (const auto& [end, unit] : units) {
+          if (end <= cut && (end <= group_at || cut - group_at > 4)) want += kStartCode + unit;
+        }
+        EXPECT_EQ(converted(convert, record.substr(0, cut), want.size()), want);
+      }
+      units.clear();
+    };
+    const uint32_t sps = below(3), pps = below(3), arrays = below(4);
+    record = hex("01 64 00 28 FF") + static_cast<char>(0xE0 | sps);
+    add_units(sps);
+    const size_t pps_at = record.size();
+    record += static_cast<char>(pps);
+    add_units(pps);
+    if (chance(2)) record += hex("FD F8 F8 00");
+    check(QMXUtil_ConvH264InfoToStartCode, pps_at);
+
+    record = std::string(1, static_cast<char>(arrays));
+    for (uint32_t k = 0; k < arrays; ++k) {
+      const uint32_t count = below(3);
+      record += '\x20' + be(count, 2);
+      add_units(count);
     }
-    for (size_t cut = 0; cut <= arrays.size(); ++cut) {
-      std::string want;
-      for (const Unit& unit : hevc_units) want += unit.end <= cut ? kStartCode + unit.bytes : "";
-      EXPECT_EQ(converted(QMXUtil_ConvH265InfoToStartCode, arrays.substr(0, cut), want.size()), want);
-    }
-    std::vector<Unit> three;
-    hvcc += '\3';
+    check(QMXUtil_ConvH265InfoToStartCode, SIZE_MAX);
+
+    record = std::string(22, 1) + '\3';
     for (int k = 0; k < 3; ++k) {
-      hvcc += "\x20" + be(1, 2);
-      add(hvcc, three);
+      record += "\x20" + be(1, 2);
+      add_units(1);
     }
-    for (size_t cut = 0; cut <= hvcc.size(); ++cut) {
-      std::string want;
-      for (const Unit& unit : three) want += unit.end <= cut ? kStartCode + unit.bytes : "";
-      EXPECT_EQ(converted(QMXUtil_ConvHEVCInfoToStartCode, hvcc.substr(0, cut), cut), want);
-    }
+    check(QMXUtil_ConvHEVCInfoToStartCode, SIZE_MAX);
   }
 }
 
 TEST_F(VideoTest, HostileRecordsStayInTheirBounds) {
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < 3000; ++i) {
     const std::string record = tricky_bytes(below(60));
     converted(QMXUtil_ConvH264InfoToStartCode, record, 2 * record.size());
     converted(QMXUtil_ConvH265InfoToStartCode, record, 2 * record.size());
@@ -531,81 +532,39 @@ TEST_F(VideoTest, RecordsAreLeftAloneWithoutMemoryAndWhenConvertedAlready) {
   EXPECT_EQ(recording().calls(), (std::vector<std::string>{"Malloc 33 -1", "Free"}));
 }
 
-// Start codes replaced byte by byte; what each conversion puts there comes from `at_start_code`, which also
-// learns how many bytes the last unit had.
-template <class AtStartCode, class AtEnd>
-std::string walk(const std::string& data, AtStartCode at_start_code, AtEnd at_end) {
-  std::string out;
-  size_t unit = 0;
-  for (size_t i = 0; i < data.size();) {
-    if (data.compare(i, 4, kStartCode) == 0) {
-      i += 4;
-      at_start_code(out, unit, i < data.size() ? static_cast<uint8_t>(data[i]) : 0);
-      unit = 0;
-    } else {
-      out += data[i++];
-      ++unit;
-    }
-  }
-  at_end(out, unit);
-  return out;
-}
-
 TEST_F(VideoTest, StartCodesBecomeRecordsAndLengths) {
   const H264ProfileInfo profile = {100, 0, 40, 4, 1};
-  for (int i = 0; i < 20000; ++i) {
-    std::string data;
+  for (int i = 0; i < 5000; ++i) {
+    std::string data = chance(20) ? tricky_bytes(below(40)) : "";
     while (!chance(4)) {
       data += kStartCode + (chance(2) ? "\x67" : "\x68") +
               (chance(2) ? tricky_bytes(below(20)) : plain_bytes(below(90)));
     }
-    if (data.empty() || chance(20)) data = tricky_bytes(below(40)) + data;
-    const GuardedBytes input(data);
-    const int32_t length = static_cast<int32_t>(input.size());
-    const auto close = [](std::string& out, size_t at, size_t unit, int bytes) {
-      if (at != std::string::npos) out.replace(at, static_cast<size_t>(bytes), be(unit, bytes));
-    };
-    const auto model = [&](int bytes) {
-      size_t at = std::string::npos;
-      return walk(
-          data,
-          [&](std::string& out, size_t unit, uint8_t) {
-            close(out, at, unit, bytes);
-            at = out.size();
-            out.append(static_cast<size_t>(bytes), '\0');
-          },
-          [&](std::string& out, size_t unit) { close(out, at, unit, bytes); });
-    };
-    const GuardedBytes out(data.size()), frame(data);
-    uint32_t out_length = 1;
-    QMXUtil_ConvH26xExtraDataFromStartCode(input.data(), length, out.data(), &out_length);
-    EXPECT_EQ(text_of(out.data(), out_length), model(2));
-    UtilConvH264FrameFromStartCode(frame.data(), length);
-    EXPECT_EQ(text_of(frame.data(), frame.size()), model(4));
-    if (data.empty()) continue;
-
-    size_t at = std::string::npos, counts[2] = {std::string::npos, std::string::npos}, units[2] = {0, 0};
-    std::string want = walk(
-        data,
-        [&](std::string& record, size_t unit, uint8_t header) {
-          const int group = header == 0x67 ? 0 : 1;
-          close(record, at, unit, 2);
-          if (units[group]++ == 0) {
-            counts[group] = record.size();
-            record += '\0';
-          }
-          at = record.size();
-          record.append(2, '\0');
-        },
-        [&](std::string& record, size_t unit) { close(record, at, unit, 2); });
-    if (units[0] > 0) want[counts[0]] = static_cast<char>(0xE0 | units[0]);
-    if (units[1] > 0) want[counts[1]] = static_cast<char>(units[1]);
-    const GuardedBytes record(data.size() + 7);
-    UtilConvH264InfoFromStartCode(input.data(), input.size(), record.data(), &out_length, &profile);
-    EXPECT_EQ(text_of(record.data(), out_length), hex("01 64 00 28 FF") + want);
-    if (units[0] > 0 && units[1] > 0) {
-      EXPECT_EQ(out_length, data.size() + 7 - 2 * (units[0] + units[1]));
+    const std::vector<std::string> parts = split(data);
+    std::string with_2 = parts[0], with_4 = parts[0], record = hex("01 64 00 28 FF") + parts[0];
+    size_t counts[2] = {}, units[2] = {};  // of SPS, of others
+    for (size_t k = 1; k < parts.size(); ++k) {
+      with_2 += be(parts[k].size(), 2) + parts[k];
+      with_4 += be(parts[k].size(), 4) + parts[k];
+      const int group = parts[k][0] == 0x67 ? 0 : 1;
+      if (units[group]++ == 0) {
+        counts[group] = record.size();
+        record += '\0';
+      }
+      record += be(parts[k].size(), 2) + parts[k];
     }
+    if (units[0] > 0) record[counts[0]] = static_cast<char>(0xE0 | units[0]);
+    if (units[1] > 0) record[counts[1]] = static_cast<char>(units[1]);
+    const GuardedBytes input(data), frame(data), out(data.size()), record_out(data.size() + 7);
+    uint32_t length = 1;
+    QMXUtil_ConvH26xExtraDataFromStartCode(input.data(), static_cast<int32_t>(input.size()), out.data(),
+                                           &length);
+    EXPECT_EQ(text_of(out.data(), length), with_2);
+    UtilConvH264FrameFromStartCode(frame.data(), static_cast<int32_t>(frame.size()));
+    EXPECT_EQ(text_of(frame.data(), frame.size()), with_4);
+    if (data.empty()) continue;
+    UtilConvH264InfoFromStartCode(input.data(), input.size(), record_out.data(), &length, &profile);
+    EXPECT_EQ(text_of(record_out.data(), length), record);
   }
 }
 
@@ -689,7 +648,7 @@ struct Vol {
   MPEG4VolInfo vol = marked<MPEG4VolInfo>();
 };
 
-Vol compose_vol(const std::function<uint32_t(uint32_t)>& value) {
+Vol compose_vol(const Values& value) {
   Vol out;
   Bits bits;
   const auto field = [&](uint32_t n) { return bits.u(n, value(n)); };
@@ -703,10 +662,7 @@ Vol compose_vol(const std::function<uint32_t(uint32_t)>& value) {
   field(1);
   vol.objectType = field(8);
   uint32_t verid = 1;
-  if (field(1)) {
-    verid = field(4);
-    field(3);
-  }
+  if (field(1)) verid = field(4), field(3);
   if (bits.u(4, value(1) ? 15 : value(4)) == 15) field(16);
   if (field(1)) {
     field(3);
@@ -723,13 +679,9 @@ Vol compose_vol(const std::function<uint32_t(uint32_t)>& value) {
   vol.timeIncrementBits = digits;
   bits.u(1, 1);
   if (field(1)) vol.fixedTimeIncrement = field(digits);
-  bits.u(1, 1);
-  out.info.width = vol.width = field(13);
-  bits.u(1, 1);
-  out.info.height = vol.height = field(13);
-  bits.u(1, 1);
-  vol.interlaced = field(1);
-  field(1);
+  bits.u(1, 1), out.info.width = vol.width = field(13);
+  bits.u(1, 1), out.info.height = vol.height = field(13);
+  bits.u(1, 1), vol.interlaced = field(1), field(1);
   if (rarely(verid == 1 ? 1 : 2) != 0) return finish("sprite_enable");
   field(1);
   if (rarely(1) != 0) return finish("quant_type");
@@ -743,23 +695,13 @@ Vol compose_vol(const std::function<uint32_t(uint32_t)>& value) {
       if (!field(1)) vol.complexityFlags |= field(n) << shift;
     };
     if (method < 2) {
-      group(6, 16);
-      group(4, 12);
-      bits.u(1, 1);
-      group(4, 8);
-      group(6, 2);
-      bits.u(1, 1);
+      group(6, 16), group(4, 12), bits.u(1, 1), group(4, 8), group(6, 2), bits.u(1, 1);
       if (method == 1) group(2, 0);
     }
   }
   vol.resyncMarkers = 1 - field(1);
-  if (field(1)) {
-    vol.dataPartitioned = 1;
-    vol.reversibleVlc = field(1);
-  }
-  if (verid != 1) field(2);
-  field(1);
-  field(8);
+  if (field(1)) vol.dataPartitioned = 1, vol.reversibleVlc = field(1);
+  field(10);
   return finish("");
 }
 
@@ -783,7 +725,6 @@ TEST_F(VideoTest, Mpeg4VideoObjectLayers) {
     UtilGetMPEG4Info(cut.data(), cut.size(), &info, &vol);
   }
   EXPECT_GT(errors, 500);
-  EXPECT_EQ(recording().traces().empty(), false);
   for (const auto& trace : recording().traces()) EXPECT_EQ(trace.function, "UtilGetMPEG4Info");
 
   for (const char* text : {"", "00 00 01 20", "FF 00 00 01 20", "00 00 01 30 FF", "00 00 01 1F FF"}) {
@@ -821,12 +762,9 @@ TEST_F(VideoTest, VopsAreCodedOrNot) {
                    seconds = chance(9) ? below(70) : below(3);
     Bits vop;
     for (uint32_t k = 0; k < offset; ++k) vop.u(8, 2 + below(254));
-    vop.u(32, 0x1B6);
-    vop.u(2, value(2));
+    vop.u(32, 0x1B6), vop.u(2, value(2));
     for (uint32_t k = 0; k < seconds; ++k) vop.u(1, 1);
-    vop.u(2, 1);
-    vop.u(time_bits, value(time_bits));
-    vop.u(1, 1);
+    vop.u(2, 1), vop.u(time_bits, value(time_bits)), vop.u(1, 1);
     const uint32_t coded = vop.u(1, value(1));
     const GuardedBytes bytes(vop.bytes());  // ends with the byte that vop_coded is in
     const int want = offset > 128 || seconds > 64 ? 1 : static_cast<int>(coded);
