@@ -110,7 +110,7 @@ bool search_command(const char* dir, char (&start)[kCommandSize], char (&command
 }
 
 void list_subdirectories(FILE* pipe, const char* start, Subdirectories& list) {
-  char line[kPathSize];
+  char line[kPathSize] = {};
   for (Line read; (read = read_line(pipe, line, sizeof line)) != Line::kEnd;) {
     // A line that does not begin with the directory is the rest of a name with a newline in it.
     if (read == Line::kCut || std::strncmp(line, start, std::strlen(start)) != 0) continue;
