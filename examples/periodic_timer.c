@@ -11,7 +11,7 @@ struct ticker {
 
 /* Runs inside a signal handler: sem_post() is allowed there, printf() is not. */
 static int on_tick(void* arg) {
-  struct ticker* ticker = arg;
+  struct ticker* ticker = (struct ticker*)arg;
   sem_post(&ticker->ticked);
   return --ticker->left == 0; /* nonzero ends the timer */
 }

@@ -68,6 +68,11 @@ run_position "$work/app/build/position"
 [ "$(run "$prefix/bin/qmxutil" gps 4530.0 S 00100.0 E)" = "-45.50000 1.00000" ] || fail "the installed command"
 run "$prefix/bin/qmxutil" --help | sed -n '/^Subcommands:/,$s/^  \([a-z0-9-]\+\).*/\1/p' >"$work/subcommands"
 [ -s "$work/subcommands" ] || fail "the command lists no subcommands"
+page=$prefix/share/man/man1/qmxutil.1
+while read -r name; do
+  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$page" || fail "the man page says nothing of $name"
+done <"$work/subcommands"
+
 if [ -z "${EMULATOR:-}" ]; then
   completed=$(PATH=$prefix/bin:$PATH bash -c "
     source '$prefix/share/bash-completion/completions/qmxutil'
