@@ -10,6 +10,7 @@ struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+void add_ini_commands(CLI::App& app);
 void add_system_commands(CLI::App& app);
 void add_userdata_commands(CLI::App& app);
 void add_probe_command(CLI::App& app);

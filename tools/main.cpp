@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag(
       "--version", "qmxutil " VERSION(QMXUTIL_VERSION_MAJOR, QMXUTIL_VERSION_MINOR, QMXUTIL_VERSION_PATCH));
+  add_ini_commands(app);
   add_userdata_commands(app);
   add_system_commands(app);
   add_probe_command(app);
