@@ -557,7 +557,7 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
   if (*length > UINT32_MAX - kAvccCopySlack) return;
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length + kAvccCopySlack, QMX_FILL_NONE);
   if (!copy) return;
-  std::memcpy(copy.get(), data, *length);
+  put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
   if (*length > kAvccHeaderSize) {
     Bytes rest(copy.get() + kAvccHeaderSize, *length - kAvccHeaderSize);
@@ -574,7 +574,7 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
 void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length, QMX_FILL_NONE);
   if (!copy) return;
-  std::memcpy(copy.get(), data, *length);
+  put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
   Bytes rest = Bytes(copy.get(), *length).subspan(std::min(*length, kHvccHeaderSize));
   for (int i = 0; i < kHvccArrays && rest.size() > kHvccArrayHeader; ++i) {
@@ -587,7 +587,7 @@ void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
 void QMXUtil_ConvH265InfoToStartCode(uint8_t* data, uint32_t* length) {
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length, QMX_FILL_NONE);
   if (!copy) return;
-  std::memcpy(copy.get(), data, *length);
+  put_bytes(copy.get(), data, *length);
   const ByteHandle handle(QMXByte_Open(copy.get(), *length));
   if (!handle) return;
   *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data) - data);
