@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <climits>
 #include <cstring>
@@ -84,7 +85,8 @@ TEST_F(UsageTest, PercentagesTruncateTowardZero) {
                                                            {0, 0, 0, 0, {0, 0, 0}},
                                                            {50, 0, 0, -10, {125, 0, 125}},
                                                            {1, 0, 0, -5, {0, 0, 0}},
-                                                           {-1, 0, 4, 0, {-33, 133, 100}}}) {
+                                                           {-1, 0, 4, 0, {-33, 133, 100}},
+                                                           {-2, 0, -2, 7, {-66, -66, -132}}}) {
     const UsageCpuLoad load =
         load_between({100, 100, 100, 100, 400},
                      {100 + user, 100 + nice, 100 + system, 100 + idle, 400 + user + nice + system + idle});
@@ -234,16 +236,18 @@ TEST_F(UsageTest, TaskReadingsFollowTheModelWhileThreadsComeAndGo) {
   std::map<std::string, Thread> threads;  // by thread id
   std::vector<TaskModel> table;
   bool rebuild = true;
+  std::array<int, 2> reports{};  // in a table with room, in a full one
   UsageTaskLoadList out;
   fs::create_directories(root + "/1000");  // a thread that has just ended
   for (int reading = 0; reading < 100; ++reading) {
-    for (auto births = reading == 92 ? 150 : random_() % 3; births > 0; --births) {
+    const bool changes = reading % 8 == 0;  // readings in between report
+    for (auto births = reading == 80 ? 150 : changes ? 4 : 0; births > 0; --births) {
       const std::string id = std::to_string(random_() % 1000);
       threads[id] = {"(t" + std::to_string(random_() % 9) + ")"};
       fs::create_directories(root + "/" + id + "/fd");
       tools_.dir().write("task/" + id + "/fd/stat", "1 (deeper) R 1 1 1 1 1 1 1 1 1 1 99 99");
     }
-    if (random_() % 3 == 0 && !threads.empty()) {
+    if (changes) {
       fs::remove_all(root + "/" + threads.begin()->first);
       threads.erase(threads.begin());
     }
@@ -252,7 +256,8 @@ TEST_F(UsageTest, TaskReadingsFollowTheModelWhileThreadsComeAndGo) {
         thread.user += static_cast<uint32_t>(random_() % 50);
         thread.system += static_cast<uint32_t>(random_() % 50);
       }
-      fs::remove(root + "/" + id + "/stat");  // some file systems flush what is overwritten
+      if (random_() % 500 == 0) thread.system /= 2;  // another thread of the name came
+      fs::remove(root + "/" + id + "/stat");         // some file systems flush what is overwritten
       tools_.dir().write("task/" + id + "/stat", id + " " + thread.name + " R 1 1 1 0 -1 4 1 2 3 4 " +
                                                      std::to_string(thread.user) + " " +
                                                      std::to_string(thread.system) + " 0 0 20 0\n");
@@ -298,7 +303,10 @@ TEST_F(UsageTest, TaskReadingsFollowTheModelWhileThreadsComeAndGo) {
       ASSERT_EQ(out.task[i].total, share(entry.delta.user + entry.delta.system));
     }
     rebuild = reset;
+    reports[out.count == 100] += out.count > 0;
   }
+  EXPECT_GT(reports[false], 30);
+  EXPECT_GT(reports[true], 0) << "a full table";
   fs::remove_all(root);  // the process has ended
   handle->rebuild = 0;
   recording().clear_traces();
