@@ -14,6 +14,12 @@
 // - Where the new text is the longer one, room for the difference is had before the first old byte is
 //   written over. If there is none the file stays as it was. Overwriting needs no room after that on file
 //   systems that overwrite in place. A process killed in between leaves the old text followed by zero bytes.
+// - Where it is the shorter one, zero bytes go over the rest of the old text in the same step. A process
+// killed
+//   before the cut leaves the new text followed by zero bytes, and that is what a reader without the lock
+//   meets.
+// - Writing in place has the room beforehand too, and after a write that failed it takes no other: the zero
+//   bytes that were to follow a text must not be written where the text was to be.
 // - A new file that is renamed over the old one would be more robust against a power failure, but a lock
 //   belongs to the file and not to its name: those who wait for it would come to hold the lock of a file
 //   that is no longer there.
@@ -22,14 +28,13 @@
 #include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "qmx_file.h"
 
 #include "qmx_file.h"
 
@@ -42,7 +47,8 @@ constexpr size_t kReadBuffer = 64 * 1024;
 struct Extra {
   FILE* stream;
   Extra* next;
-  bool replacing;     // the old content is still to go
+  bool rewriting;     // over a text that is to survive a full disk
+  bool replacing;     // its rest is still to go
   bool write_failed;  // and stays if it ends so
 };
 constinit Extra* all_extras = nullptr;
@@ -52,7 +58,7 @@ Extra* add_extra(FILE* stream, size_t room_behind) {
   auto* const extra = static_cast<Extra*>(std::malloc(sizeof(Extra) + room_behind));
   if (extra == nullptr) return nullptr;
   pthread_mutex_lock(&extras_lock);
-  *extra = {stream, all_extras, false, false};
+  *extra = {stream, all_extras, false, false, false};
   all_extras = extra;
   pthread_mutex_unlock(&extras_lock);
   return extra;
@@ -81,10 +87,11 @@ bool prepare(FILE* stream, uint32_t mode) {
     return extra != nullptr &&
            std::setvbuf(stream, reinterpret_cast<char*>(extra + 1), _IOFBF, kReadBuffer) == 0;
   }
-  if (mode == QMX_FILE_REPLACE) {
+  if (mode == QMX_FILE_REPLACE || mode == QMX_FILE_WRITE_IN_PLACE) {
     Extra* const extra = add_extra(stream, 0);
     if (extra == nullptr) return false;
-    extra->replacing = true;
+    extra->rewriting = true;
+    extra->replacing = mode == QMX_FILE_REPLACE;
   }
   // Blocks go to the kernel in one piece. Only what is put together line by line is collected first.
   if (mode != QMX_FILE_CREATE) std::setvbuf(stream, nullptr, _IONBF, 0);
@@ -95,7 +102,7 @@ bool prepare(FILE* stream, uint32_t mode) {
 bool room_is_there(int fd, int64_t end) {
   struct stat status;
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return true;
-  if (status.st_size == 0 || end <= status.st_size) return true;
+  if (end <= status.st_size) return true;
   int error;
   do {
     error = posix_fallocate(fd, status.st_size, end - status.st_size);
@@ -118,14 +125,36 @@ void drop_old_content(Extra& extra) {
   extra.replacing = false;
 }
 
-int64_t replace(Extra& extra, const void* buffer, int64_t count) {
+// Writes the new text and zero bytes over the rest of the old one in one step.
+int64_t write_over_old_text(FILE* stream, const void* buffer, int64_t count) {
+  const int fd = fileno(stream);
+  const int64_t start = ftello(stream);
+  struct stat status;
+  const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  const int64_t rest = regular ? status.st_size - start - count : 0;
+  void* const zeros = rest > 0 ? std::calloc(1, static_cast<size_t>(rest)) : nullptr;
+  if (zeros == nullptr) return write_through(stream, buffer, count);
+  const iovec parts[] = {{const_cast<void*>(buffer), static_cast<size_t>(count)},
+                         {zeros, static_cast<size_t>(rest)}};
+  int64_t written;
+  do {
+    written = pwritev(fd, parts, 2, start);
+  } while (written < 0 && errno == EINTR);
+  std::free(zeros);
+  if (written > count) written = count;
+  return written >= 0 && fseeko(stream, start + written, SEEK_SET) == 0 ? written : -1;
+}
+
+int64_t rewrite(Extra& extra, const void* buffer, int64_t count) {
   FILE* const stream = extra.stream;
+  if (extra.write_failed && !extra.replacing) return -1;
   int64_t written = -1;
   if (std::fflush(stream) == 0 && room_is_there(fileno(stream), ftello(stream) + count)) {
-    written = write_through(stream, buffer, count);
+    written =
+        extra.replacing ? write_over_old_text(stream, buffer, count) : write_through(stream, buffer, count);
   }
   extra.write_failed = written != count;
-  if (!extra.write_failed) drop_old_content(extra);
+  if (extra.replacing && !extra.write_failed) drop_old_content(extra);
   return written;
 }
 
@@ -213,7 +242,7 @@ int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
   if (count < 0) count = 0;
   Extra* const extra = find_extra(stream);
-  if (extra != nullptr && extra->replacing) return replace(*extra, buffer, count);
+  if (extra != nullptr && extra->rewriting) return rewrite(*extra, buffer, count);
   return write_through(stream, buffer, count);
 }
 
