@@ -1,7 +1,9 @@
 #include "recording_base.h"
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -391,11 +393,18 @@ int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
   record(format("FileWrite %lld", static_cast<long long>(count)));
-  if (must_fail(Op::kFileWrite)) {
-    errno = ENOSPC;
-    return -1;
-  }
-  return next<decltype(&QMX_FileWrite)>("QMX_FileWrite")(stream, buffer, count);
+  const auto write = next<decltype(&QMX_FileWrite)>("QMX_FileWrite");
+  if (!must_fail(Op::kFileWrite)) return write(stream, buffer, count);
+  rlimit usual;  // the stand-in meets the failure itself: no file may have a byte written to it
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const rlimit none = {0, usual.rlim_max};
+  const auto before = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &none);
+  const int64_t written = write(stream, buffer, count);
+  setrlimit(RLIMIT_FSIZE, &usual);
+  signal(SIGXFSZ, before);
+  errno = ENOSPC;
+  return written;
 }
 
 int QMX_FileSync(FILE* stream) {

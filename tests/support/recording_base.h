@@ -25,7 +25,8 @@ struct Trace {
   int line = 0;
 };
 
-// Calls that can be made to fail. A failing call does nothing and gives null or -1.
+// Calls that can be made to fail. A failing call does nothing and gives null or -1; a failing write is one
+// that the stand-in fails to do.
 enum class Op {
   kMalloc,
   kCalloc,
