@@ -18,7 +18,8 @@
  * an eventfd, sem_post(), clock_gettime(); see signal-safety(7)), touches lock-free atomics and volatile
  * sig_atomic_t, and returns soon. It must not
  * - create or free a timer: the thread would wait for itself for ever,
- * - allocate, take a lock, use standard I/O, or call other functions of this library,
+ * - allocate, take a lock, use standard I/O, or call a function of this library that is not said to be fit
+ * for a signal handler,
  * - leave by longjmp(), pthread_exit() or an exception.
  *
  * What the library promises:
