@@ -78,8 +78,9 @@ struct Filled {
   uint8_t out[200] = {};
 };
 
-Case fills(const char* name, const string& input, uint32_t (*call)(const uint8_t*, uint32_t, Filled&),
-           string failed = "0", std::map<Op, string> despite = {}) {
+using Fill = std::function<int64_t(const uint8_t*, uint32_t, Filled&)>;
+Case fills(const char* name, const string& input, Fill call, string failed = "0",
+           std::map<Op, string> despite = {}) {
   return {name, failed,
           [=] {
             const auto data = std::make_shared<qmxtest::GuardedBytes>(input);
@@ -195,57 +196,34 @@ Scene mem_add() {
           }};
 }
 
+const uint8_t kByte[] = {'a'};
+uint32_t ignored;
+
 const Case kCases[] = {
     makes_block("Strdupn", [] { return QMXUtilStrdupn("text", 2); }),
     makes_block("Strdup", [] { return QMXUtilStrdup("text"); }),
     makes_block("Strmcat", [] { return QMXUtilStrmcat("text", "more"); }),
-    makes_block("ConvBinToStr",
-                [] { return QMXUtil_ConvBinToStr(reinterpret_cast<const uint8_t*>("a"), 1); }),
-    makes_block("Base64Encoding",
-                [] {
-                  uint32_t length;
-                  return QMXUtilBase64Encoding(reinterpret_cast<const uint8_t*>("a"), 1, &length);
-                }),
-    makes_block("Base64ConvToBin",
-                [] {
-                  uint32_t length;
-                  return QMXUtilBase64ConvToBin("QUJD", 4, &length);
-                }),
+    makes_block("ConvBinToStr", [] { return QMXUtil_ConvBinToStr(kByte, 1); }),
+    makes_block("Base64Encoding", [] { return QMXUtilBase64Encoding(kByte, 1, &ignored); }),
+    makes_block("Base64ConvToBin", [] { return QMXUtilBase64ConvToBin("QUJD", 4, &ignored); }),
 
     fills("GetSPSPPSInfo", kSps,
-          [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-            return UtilGetSPSPPSInfo(p, n, &f.info, &f.h264);
-          }),
+          [](auto p, auto n, auto& f) { return UtilGetSPSPPSInfo(p, n, &f.info, &f.h264); }),
     fills("GetH264Info", kAvcc,
-          [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-            return QMXUtil_GetH264Info(p, n, &f.info, &f.h264);
-          }),
+          [](auto p, auto n, auto& f) { return QMXUtil_GetH264Info(p, n, &f.info, &f.h264); }),
     fills("ConvH265InfoFromStartCode", kParameterSets,
-          [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-            return static_cast<uint32_t>(UtilConvH265InfoFromStartCode(p, static_cast<int32_t>(n), &f.h265));
-          },
-          "", {{Op::kBitOpen, "0"}}),  // the sets are located all the same
-    fills("ConvH265Info", kHvcc,
-          [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-            return static_cast<uint32_t>(UtilConvH265Info(p, n, &f.h265));
-          }),
+          [](auto p, auto n, auto& f) { return UtilConvH265InfoFromStartCode(p, int(n), &f.h265); }, "",
+          {{Op::kBitOpen, "0"}}),  // the sets are located all the same
+    fills("ConvH265Info", kHvcc, [](auto p, auto n, auto& f) { return UtilConvH265Info(p, n, &f.h265); }),
     fills(
         "GetH265Info", kHvcc,
-        [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-          return QMXUtil_GetH265Info(p, n, &f.info, nullptr);
-        },
-        "1"),
-    fills(
-        "GetMPEG12Info", kSequence,
-        [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t { return UtilGetMPEG12Info(p, n, &f.info); }),
+        [](auto p, auto n, auto& f) { return QMXUtil_GetH265Info(p, n, &f.info, nullptr); }, "1"),
+    fills("GetMPEG12Info", kSequence,
+          [](auto p, auto n, auto& f) { return UtilGetMPEG12Info(p, n, &f.info); }),
     fills("GetMPEG4Info", kVol,
-          [](const uint8_t* p, uint32_t n, Filled& f) -> uint32_t {
-            return UtilGetMPEG4Info(p, n, &f.info, &f.vol);
-          }),
+          [](auto p, auto n, auto& f) { return UtilGetMPEG4Info(p, n, &f.info, &f.vol); }),
     fills("SetMPEG4Info", "",
-          [](const uint8_t*, uint32_t, Filled& f) -> uint32_t {
-            return UtilSetMPEG4Info(f.out, sizeof f.out, &f.info, &f.vol);
-          }),
+          [](auto, auto, auto& f) { return UtilSetMPEG4Info(f.out, sizeof f.out, &f.info, &f.vol); }),
     converts("ConvH264InfoToStartCode", kAvcc, QMXUtil_ConvH264InfoToStartCode),
     converts("ConvHEVCInfoToStartCode", kHvccWhole, QMXUtil_ConvHEVCInfoToStartCode),
     converts("ConvH265InfoToStartCode", kHvccArrays, QMXUtil_ConvH265InfoToStartCode),
