@@ -4,7 +4,8 @@
 #include "qmx_trace.h"
 
 // The function traced is the one the macro stands in: keep it out of lambdas and helpers whose name the
-// reader of a trace would not know. A helper that exported functions share traces as its caller, with TRACE_AS.
+// reader of a trace would not know. A helper that exported functions share traces as its caller, with
+// TRACE_AS.
 #define TRACE_AS(function, level, ...) \
   QMX_Trace(MODULE, level, __FILE_NAME__, __LINE__, function, __VA_ARGS__)
 #define TRACE(level, ...) TRACE_AS(__func__, level, __VA_ARGS__)
