@@ -460,7 +460,7 @@ QMX_API uint8_t QMXUtil_GetVideoInfo(const uint8_t* config, uint32_t length, Vid
  *
  * @param file    a stream opened for reading with the base library
  * @param buffer  room for `size` bytes; what stands behind the frame is scratch
- * @param size    at least the frame, the start code behind it and 2 bytes of the NAL unit behind that
+ * @param size    at least the frame and 8 bytes more
  * @return bytes of the frame. At the end of the file, or at a read error, the bytes that were left; 0 when
  * none were. 0 too when `size` is below 2 (nothing is read) or the frame does not fit; the file then stands
  *         inside the frame, `size` - 1 bytes on (up to 2 less when it is a slice's header that no longer
@@ -478,7 +478,7 @@ QMX_API uint32_t UtilVideo_H264_ReadOneFrame(FILE* file, uint8_t* buffer, uint32
  *
  * @param file    a stream opened for reading with the base library
  * @param buffer  room for `size` bytes; what stands behind the unit is scratch
- * @param size    at least the unit, the start code behind it and 2 bytes of the NAL unit behind that
+ * @param size    at least the unit and 8 bytes more
  * @return as UtilVideo_H264_ReadOneFrame().
  */
 QMX_API uint32_t UtilVideo_H265_ReadOneFrame(FILE* file, uint8_t* buffer, uint32_t size);
