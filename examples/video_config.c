@@ -27,6 +27,11 @@ static uint32_t read_record(uint8_t* record, const char* path) {
   return length;
 }
 
+static int refused(const char* why) {
+  printf("%s\n", why);
+  return 1;
+}
+
 int main(int argc, char** argv) {
   /* Each parameter set grows by 2 bytes, the record's header goes: twice the record is always enough. */
   static uint8_t record[2 * RECORD_ROOM];
@@ -40,10 +45,7 @@ int main(int argc, char** argv) {
 
   /* 1. Is this a record that the codec's parser takes? The track's FourCC chooses the parser. */
   memcpy(&info.codec, "avc1", 4);
-  if (!QMXUtil_GetVideoInfo(record, length, &info)) {
-    printf("not an avcC record\n");
-    return 1;
-  }
+  if (!QMXUtil_GetVideoInfo(record, length, &info)) return refused("not an avcC record");
   QMXUtil_GetH264Info(record, length, NULL, &profile);
   printf("profile %u, level %u, samples with %u-byte lengths\n", profile.profile, profile.level,
          profile.nalLengthSize);
@@ -55,7 +57,7 @@ int main(int argc, char** argv) {
   /* 3. The size. The record's first unit is the SPS: behind a start code (4) and its header (1). Its
    * emulation prevention bytes are removed on a copy, the decoder wants them in place. Reading on into the
    * PPS does no harm: the parser stops behind the picture size. */
-  if (length <= 5) return 1;
+  if (length <= 5) return refused("no parameter set in it");
   sps_length = length - 5 < sizeof sps ? length - 5 : (uint32_t)sizeof sps;
   memcpy(sps, record + 5, sps_length);
   QMXUtil_H26xRemoveEPB(sps, &sps_length);

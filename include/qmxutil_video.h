@@ -54,50 +54,50 @@ typedef struct H264ProfileInfo {
 
 /** profile_tier_level() of H.265, one byte a value. Reserved bits are not kept. */
 typedef struct H265ProfileTierLevel {
-  uint8_t general_profile_space;
-  uint8_t general_tier_flag;
-  uint8_t general_profile_idc;
-  uint8_t general_profile_compatibility_flag[32];
-  uint8_t general_progressive_source_flag;
-  uint8_t general_interlaced_source_flag;
-  uint8_t general_non_packed_constraint_flag;
-  uint8_t general_frame_only_constraint_flag;
-  uint8_t general_level_idc;
-  uint8_t sub_layer_profile_present_flag[6];
-  uint8_t sub_layer_level_present_flag[6];
-  uint8_t sub_layer_profile_space[6];
-  uint8_t sub_layer_tier_flag[6];
-  uint8_t sub_layer_profile_idc[6];
-  uint8_t sub_layer_profile_compatibility_flag[6][32];
-  uint8_t sub_layer_progressive_source_flag[6];
-  uint8_t sub_layer_interlaced_source_flag[6];
-  uint8_t sub_layer_non_packed_constraint_flag[6];
-  uint8_t sub_layer_frame_only_constraint_flag[6];
-  uint8_t sub_layer_level_idc[6];
+  uint8_t general_profile_space; /**< 0 in this version of the standard */
+  uint8_t general_tier_flag;     /**< 0 Main tier, 1 High tier */
+  uint8_t general_profile_idc;   /**< 1 Main, 2 Main 10, 3 Main Still Picture, 4 and up extensions */
+  uint8_t general_profile_compatibility_flag[32];      /**< [j]: decoders of profile j can decode it */
+  uint8_t general_progressive_source_flag;             /**< pictures are frames */
+  uint8_t general_interlaced_source_flag;              /**< pictures are fields or interlaced frames */
+  uint8_t general_non_packed_constraint_flag;          /**< no frame packing */
+  uint8_t general_frame_only_constraint_flag;          /**< field_seq_flag is 0 */
+  uint8_t general_level_idc;                           /**< 30 times the level */
+  uint8_t sub_layer_profile_present_flag[6];           /**< the profile fields of sub-layer i are there */
+  uint8_t sub_layer_level_present_flag[6];             /**< the level of sub-layer i is there */
+  uint8_t sub_layer_profile_space[6];                  /**< as general_profile_space */
+  uint8_t sub_layer_tier_flag[6];                      /**< as general_tier_flag */
+  uint8_t sub_layer_profile_idc[6];                    /**< as general_profile_idc */
+  uint8_t sub_layer_profile_compatibility_flag[6][32]; /**< as general_profile_compatibility_flag */
+  uint8_t sub_layer_progressive_source_flag[6];        /**< as general_progressive_source_flag */
+  uint8_t sub_layer_interlaced_source_flag[6];         /**< as general_interlaced_source_flag */
+  uint8_t sub_layer_non_packed_constraint_flag[6];     /**< as general_non_packed_constraint_flag */
+  uint8_t sub_layer_frame_only_constraint_flag[6];     /**< as general_frame_only_constraint_flag */
+  uint8_t sub_layer_level_idc[6];                      /**< as general_level_idc */
 } H265ProfileTierLevel;
 
 /** H.265 parameter sets: where they are, and the fields that are read of them. */
 typedef struct H265ParamSetInfo {
-  uint8_t vps_video_parameter_set_id;
-  uint8_t vps_base_layer_internal_flag;
-  uint8_t vps_base_layer_available_flag;
-  uint8_t vps_max_layers_minus1;
-  uint8_t vps_max_sub_layers_minus1;
-  uint8_t vps_temporal_id_nesting_flag;
+  uint8_t vps_video_parameter_set_id;       /**< 0 to 15 */
+  uint8_t vps_base_layer_internal_flag;     /**< the base layer is in this stream */
+  uint8_t vps_base_layer_available_flag;    /**< the base layer is available */
+  uint8_t vps_max_layers_minus1;            /**< 0 to 63 */
+  uint8_t vps_max_sub_layers_minus1;        /**< 0 to 6 (7 as it stands) */
+  uint8_t vps_temporal_id_nesting_flag;     /**< one can switch up between sub-layers anywhere */
   H265ProfileTierLevel vpsProfileTierLevel; /**< of the VPS, or the head of a configuration record */
   const uint8_t* vpsNal;                    /**< in the caller's data, at its NAL unit header; null: none */
   uint32_t vpsNalLength;                    /**< bytes, header included */
-  uint8_t sps_video_parameter_set_id;
-  uint8_t sps_max_sub_layers_minus1;
-  H265ProfileTierLevel spsProfileTierLevel;
-  uint8_t sps_seq_parameter_set_id;
-  uint8_t chroma_format_idc;
-  uint16_t pic_width_in_luma_samples;
-  uint16_t pic_height_in_luma_samples;
-  const uint8_t* spsNal; /**< as vpsNal */
-  uint32_t spsNalLength; /**< bytes, header included */
-  const uint8_t* ppsNal; /**< as vpsNal */
-  uint32_t ppsNalLength; /**< bytes, header included */
+  uint8_t sps_video_parameter_set_id;       /**< the VPS that the SPS belongs to */
+  uint8_t sps_max_sub_layers_minus1;        /**< 0 to 6 (7 as it stands) */
+  H265ProfileTierLevel spsProfileTierLevel; /**< of the SPS */
+  uint8_t sps_seq_parameter_set_id;         /**< 0 to 15 */
+  uint8_t chroma_format_idc;                /**< 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4 */
+  uint16_t pic_width_in_luma_samples;       /**< coded width, modulo 65536 */
+  uint16_t pic_height_in_luma_samples;      /**< coded height, modulo 65536 */
+  const uint8_t* spsNal;                    /**< as vpsNal */
+  uint32_t spsNalLength;                    /**< bytes, header included */
+  const uint8_t* ppsNal;                    /**< as vpsNal */
+  uint32_t ppsNalLength;                    /**< bytes, header included */
 } H265ParamSetInfo;
 
 /**
