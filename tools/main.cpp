@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   add_frames_command(app);
   add_convert_command(app);
   add_timer_command(app);
+  add_text_commands(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
