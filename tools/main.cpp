@@ -1,5 +1,7 @@
 // qmxutil: the library's families for a shell, on the host and on the device.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "commands.h"
@@ -24,6 +26,7 @@ int main(int argc, char** argv) {
   add_text_commands(app);
   try {
     app.parse(argc, argv);
+    if (std::fflush(stdout) != 0) throw CommandError(std::string("cannot write: ") + std::strerror(errno));
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   } catch (const std::exception& error) {
