@@ -20,3 +20,7 @@ elseif(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWith
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong)
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+  # Out-of-line atomics would bring a constructor that runs at load, to look which instructions there are.
+  add_compile_options(-mno-outline-atomics)
+endif()
