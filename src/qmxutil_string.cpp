@@ -670,12 +670,14 @@ size_t decode_plain_groups(const uint8_t* text, size_t count, uint8_t* out) {
   return groups;
 }
 
+bool counts(uint8_t c) { return c == '=' || kPlaces[0][c] != kOutside; }
+
 // Reads on until four characters that count are there; false when the text ends before.
 bool gather_group(const uint8_t*& in, const uint8_t* end, uint8_t (&group)[4]) {
   for (size_t have = 0; have < 4;) {
     if (in == end) return false;
     const uint8_t c = *in++;
-    if (c == '=' || kPlaces[0][c] != kOutside) group[have++] = c;
+    if (counts(c)) group[have++] = c;
   }
   return true;
 }
@@ -718,6 +720,7 @@ const char* QMXUtilBase64Decoding(const char* text, uint8_t* out, uint32_t len, 
   uint8_t* write = out;
   for (bool after_group = false; end - in >= 4; after_group = true) {
     if (after_group && *in == ',') break;
+    while (in != end && !counts(*in)) ++in;
     if (const size_t groups = decode_plain_groups(in, static_cast<size_t>(end - in), write)) {
       in += 4 * groups;
       write += 3 * groups;
