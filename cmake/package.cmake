@@ -31,7 +31,7 @@ if(CMAKE_CROSSCOMPILING)
   # The host's package database does not know the device's libraries.
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS "libc6 (>= 2.34)")
-  string(APPEND CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS ", libc6 (>= 2.34), libstdc++6 (>= 12)")
+  string(APPEND CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS ", libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 12)")
 else()
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
