@@ -21,6 +21,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -193,6 +194,7 @@ TimerHandle* QMXUtil_TimerNew(int msec, uint8_t periodic, TimerCallback callback
   timer->periodic = periodic;
   timer->callback = callback;
   timer->arg = arg;
+  timer->reservedProcess = getpid();
   if (!create_posix_timer(*timer)) {
     TRACE_ERROR("timer creation failed!! (err.%d)\n", errno);
     return nullptr;
@@ -214,7 +216,8 @@ int QMXUtil_TimerFree(TimerHandle* timer) {
     live = remove_live(timer);
   }
   if (live) {
-    timer_delete(timer->timerId);
+    // In the child of a fork() the number of an inherited timer is nobody's, or one of the child's own.
+    if (timer->reservedProcess == getpid()) timer_delete(timer->timerId);
     QMX_Free(timer, 0);
   }
   return 0;
