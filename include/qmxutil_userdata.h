@@ -128,7 +128,8 @@ QMX_API int QMXUtil_MetaDataUpdate(const char* path, int32_t metaType, uint32_t 
  * Finds the first subdirectory of a directory that contains an entry of a given name.
  *
  * Runs `find` in a shell and tries at most 32 subdirectories, in the order it lists them, which is the
- * directory's own. A subdirectory whose path is longer than 62 bytes, or has a newline in it, is passed over.
+ * directory's own. Each line that it prints is a path; one longer than 62 bytes is passed over. (A newline in
+ * a subdirectory's name therefore makes two paths of it, the second relative to the working directory.)
  * The directory is quoted, so that nothing in its name is taken for shell syntax or for an option (to that
  * end one that begins with '-', '(', ')', '!' or ',' gets "./" in front). A directory whose command would be
  * longer than 127 bytes is refused, and an entry whose path would be is not found.

@@ -96,25 +96,20 @@ struct Subdirectories {
 };
 
 // The command that lists the subdirectories of `dir`. False when it does not fit: cut, it could walk the
-// whole tree. `start` gets what each listed path begins with.
-bool search_command(const char* dir, char (&start)[kCommandSize], char (&command)[kCommandSize]) {
-  static constexpr char kFormat[] = "find %s -maxdepth 1 -mindepth 1 -type d";
+// whole tree.
+bool search_command(const char* dir, char (&command)[kCommandSize]) {
   // find takes an argument that begins with one of these for a part of its expression.
   const char* const prefix = *dir != '\0' && std::strchr("-()!,", *dir) != nullptr ? "./" : "";
-  char quoted[kCommandSize - (sizeof kFormat - sizeof "%s")];
-  if (std::strlen(dir) >= sizeof start - 2) return false;
-  QMX_snprintf(start, sizeof start, "%s%s", prefix, dir);
-  if (!quote_for_shell(start, quoted, sizeof quoted)) return false;
-  QMX_snprintf(command, sizeof command, kFormat, quoted);
-  return true;
+  char quoted[kCommandSize];
+  return quote_for_shell(dir, quoted, sizeof quoted) &&
+         std::snprintf(command, kCommandSize, "find %s%s -maxdepth 1 -mindepth 1 -type d", prefix, quoted) <
+             static_cast<int>(kCommandSize);
 }
 
-void list_subdirectories(FILE* pipe, const char* start, Subdirectories& list) {
+void list_subdirectories(FILE* pipe, Subdirectories& list) {
   char line[kPathSize] = {};
   for (Line read; (read = read_line(pipe, line, sizeof line)) != Line::kEnd;) {
-    // A line that does not begin with the directory is the rest of a name with a newline in it.
-    if (read == Line::kCut || std::strncmp(line, start, std::strlen(start)) != 0) continue;
-    if (list.count < kSlots) std::memcpy(list.path[list.count++], line, sizeof line);
+    if (read == Line::kWhole && list.count < kSlots) std::memcpy(list.path[list.count++], line, sizeof line);
   }
 }
 
@@ -278,13 +273,12 @@ int QMXUtil_MetaDataUpdate(const char* path, int32_t metaType, uint32_t value) {
 
 int QMXUtil_FileSearch(const char* dir, const char* name, char* out, int32_t outSize) {
   if (dir == nullptr || name == nullptr) return 0;
-  char start[kCommandSize];
   char command[kCommandSize];
-  if (!search_command(dir, start, command)) return 0;
+  if (!search_command(dir, command)) return 0;
   Pipe pipe(popen(command, "re"));  // "e": no child of another thread inherits it
   if (pipe == nullptr) return 0;
   Subdirectories list = {};
-  list_subdirectories(pipe.get(), start, list);
+  list_subdirectories(pipe.get(), list);
   pipe.reset();
   for (size_t i = 0; i < list.count; ++i) {
     char candidate[kCandidateSize];

@@ -12,6 +12,7 @@
 #include "qmxutil_userdata.h"
 #include "recording_base.h"
 #include "recordings.h"
+#include "replacement_tools.h"
 
 namespace {
 
@@ -411,10 +412,17 @@ TEST_F(FileSearchTest, NoNameRunsAnythingOrIsTakenForAnOption) {
     EXPECT_TRUE(found == name + "/sub/wanted" || found == "./" + name + "/sub/wanted") << found;
   }
   EXPECT_FALSE(std::filesystem::exists("ran"));
-  // A newline in the name of a subdirectory does not lead out of the directory.
-  make("lines/x\nelse");
-  make("else/wanted");
-  EXPECT_EQ(search("lines", "wanted"), "-");
+}
+
+TEST_F(FileSearchTest, EveryLineThatFindPrintsIsAPath) {
+  const qmxtest::ReplacementTools tools;
+  tools.tool("find", "echo \"$@\" >asked; echo; echo elsewhere; printf last");
+  make("elsewhere/one");
+  make("last/two");
+  EXPECT_EQ(search("a  b", "one"), "elsewhere/one");
+  EXPECT_EQ(search("a  b", "two"), "last/two");
+  EXPECT_EQ(search("a  b", dir_.path().substr(1)), dir_.path()) << "an empty line";
+  EXPECT_EQ(qmxtest::read_file("asked"), "a  b -maxdepth 1 -mindepth 1 -type d\n");
 }
 
 TEST_F(FileSearchTest, LimitsOfPathsAndCommand) {
