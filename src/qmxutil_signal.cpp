@@ -23,9 +23,8 @@ int QMXUtil_RegSigHandler(int sig, QMXSignalHandler handler) {
   struct sigaction action = {};
   sigemptyset(&action.sa_mask);
   action.sa_handler = handler;
-  errno = EINVAL;  // for a number without a slot
   if (!has_slot(sig) || sigaction(sig, &action, &oldsigact[sig]) != 0) {
-    const int error = errno;
+    const int error = has_slot(sig) ? errno : EINVAL;
     TRACE_ERROR("sigaction(sig:%d) error (errno %d, %s)\n", sig, error, strerror(error));
     return -1;
   }
