@@ -47,8 +47,8 @@ class Sample {
     std::vector<Entry> entries;
     while (text.size() < size) {
       const std::string section = "unit" + std::to_string(entries.size() / 16);
-      if (entries.size() % 16 == 0) text += "\n[" + section + "]\n# settings of one unit\n";
-      entries.push_back({section, kNames[next(8)] + ("_" + std::to_string(entries.size()))});
+      if (entries.size() % 16 == 0) text.append("\n[").append(section).append("]\n# settings of one unit\n");
+      entries.push_back({section, std::string(kNames[next(8)]) + '_' + std::to_string(entries.size())});
       text += entries.back().key + " = ";
       for (uint32_t length = 1 + next(24); length > 0; --length) text += static_cast<char>('a' + next(26));
       text += '\n';

@@ -127,13 +127,10 @@ Step next_line(INIHandle& handle, Pair& pair) {
 const char* find_key_text(const char* from, const char* end, string_view key) {
   const size_t behind = key.size();
   const string_view probe = key.empty() ? string_view("=") : key;
-  const size_t middle = probe.size() / 2;
   const size_t last = probe.size() - 1;
   const char* at = from;
   for (; static_cast<size_t>(end - at) >= kMaskBytes + probe.size(); at += kMaskBytes) {
-    uint64_t hits = (match_bytes(at, probe[0]) & match_bytes(at + middle, probe[middle]) &
-                     match_bytes(at + last, probe[last]))
-                        .bits();
+    uint64_t hits = (match_bytes(at, probe.front()) & match_bytes(at + last, probe.back())).bits();
     for (; hits != 0; hits &= hits - 1) {
       const char* const hit = at + std::countr_zero(hits);
       if (ends_key(hit[behind]) && between(hit, hit + behind) == key) return hit;
