@@ -61,7 +61,7 @@ typedef struct TimerHandle {
   int64_t reservedDueNs;            /**< the library's own */
   int64_t reservedIntervalNs;       /**< the library's own */
   int32_t reservedEnded;            /**< the library's own */
-  int32_t reservedProcess;          /**< the library's own */
+  int32_t reservedForks;            /**< the library's own */
 } TimerHandle;
 
 /**

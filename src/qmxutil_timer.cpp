@@ -21,7 +21,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -45,6 +44,7 @@ constexpr int64_t kNsPerMs = 1'000'000;
 constinit int gTimerAction = 0;  // 1 once the handler is installed
 constinit pthread_mutex_t gTimerLock = PTHREAD_MUTEX_INITIALIZER;
 constinit struct sigaction gTimerSigact = {};
+constinit int forks = 0;  // from the process of the first timer to this one; changes before fork() returns
 
 int timer_signal() { return SIGRTMIN + 4; }  // SIGRTMIN is the C library's to choose, at run time
 
@@ -106,13 +106,15 @@ bool remove_live(const TimerHandle* timer) {
 
 // --- Creating
 
-void install_handler() {
+// True the first time in the process.
+bool install_handler() {
   const TimerLock lock;
-  if (!__sync_bool_compare_and_swap(&gTimerAction, 0, 1)) return;  // a full memory barrier, too
+  if (!__sync_bool_compare_and_swap(&gTimerAction, 0, 1)) return false;  // a full memory barrier, too
   gTimerSigact.sa_sigaction = qmxutil_timer_handler;
   gTimerSigact.sa_flags = SA_SIGINFO | SA_RESTART;
   sigemptyset(&gTimerSigact.sa_mask);
   sigaction(timer_signal(), &gTimerSigact, nullptr);
+  return true;
 }
 
 int64_t monotonic_ns() {
@@ -187,14 +189,14 @@ void qmxutil_timer_handler(int sig, siginfo_t* info, void*) {
 
 TimerHandle* QMXUtil_TimerNew(int msec, uint8_t periodic, TimerCallback callback, void* arg) {
   const TimerSignalBlock block;
-  install_handler();
+  if (install_handler()) pthread_atfork(nullptr, nullptr, [] { ++forks; });  // may allocate: without the lock
   qmxutil::Block<TimerHandle> timer(static_cast<TimerHandle*>(
       QMX_Calloc(1, sizeof(TimerHandle), QMX_FILL_ZERO, __FILE_NAME__, __LINE__, __func__)));
   if (timer == nullptr) return nullptr;
   timer->periodic = periodic;
   timer->callback = callback;
   timer->arg = arg;
-  timer->reservedProcess = getpid();
+  timer->reservedForks = forks;
   if (!create_posix_timer(*timer)) {
     TRACE_ERROR("timer creation failed!! (err.%d)\n", errno);
     return nullptr;
@@ -217,7 +219,7 @@ int QMXUtil_TimerFree(TimerHandle* timer) {
   }
   if (live) {
     // In the child of a fork() the number of an inherited timer is nobody's, or one of the child's own.
-    if (timer->reservedProcess == getpid()) timer_delete(timer->timerId);
+    if (timer->reservedForks == forks) timer_delete(timer->timerId);
     QMX_Free(timer, 0);
   }
   return 0;
