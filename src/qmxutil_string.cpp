@@ -126,15 +126,20 @@ void switch_case(uint8_t* bytes, size_t count) {
   for (; i < count; ++i) bytes[i] = switch_case<kFirst>(bytes[i]);
 }
 
-// The C locale, whose letters are those of ASCII. The C library has it ready: asking cannot fail.
-locale_t c_locale() {
-  constinit static std::atomic<locale_t> known = nullptr;
-  locale_t locale = known.load(std::memory_order_relaxed);
-  if (locale == nullptr) {
-    locale = newlocale(LC_ALL_MASK, "C", nullptr);
-    known.store(locale, std::memory_order_relaxed);
-  }
-  return locale;
+// The C locale, whose letters are those of ASCII; null until it is asked for.
+constinit std::atomic<locale_t> c_locale = nullptr;
+
+// The C library has it ready: asking cannot fail.
+void ask_for_c_locale() { c_locale.store(newlocale(LC_ALL_MASK, "C", nullptr), std::memory_order_relaxed); }
+
+[[gnu::noinline]] int first_stricmp(const char* a, const char* b) {
+  ask_for_c_locale();
+  return QMXUtilStricmp(a, b);
+}
+
+[[gnu::noinline]] int first_strnicmp(const char* a, const char* b, uint32_t n) {
+  ask_for_c_locale();
+  return QMXUtilStrnicmp(a, b, n);
 }
 
 // How many bytes, in 128s, are certainly before a line end: most characters are above CR.
@@ -182,9 +187,15 @@ char* QMXUtilStrntoupper(char* s, int32_t n) {
 }
 
 // POSIX promises only the sign of these results; glibc gives the difference of the folded bytes.
-int QMXUtilStricmp(const char* a, const char* b) { return strcasecmp_l(a, b, c_locale()); }
+int QMXUtilStricmp(const char* a, const char* b) {
+  const locale_t locale = c_locale.load(std::memory_order_relaxed);
+  return locale != nullptr ? strcasecmp_l(a, b, locale) : first_stricmp(a, b);
+}
 
-int QMXUtilStrnicmp(const char* a, const char* b, uint32_t n) { return strncasecmp_l(a, b, n, c_locale()); }
+int QMXUtilStrnicmp(const char* a, const char* b, uint32_t n) {
+  const locale_t locale = c_locale.load(std::memory_order_relaxed);
+  return locale != nullptr ? strncasecmp_l(a, b, n, locale) : first_strnicmp(a, b, n);
+}
 
 char* QMXUtilStrdupn(const char* src, uint32_t n) {
   if (src == nullptr || n == UINT32_MAX) return nullptr;
@@ -659,8 +670,10 @@ size_t decode_plain_groups(const uint8_t* text, size_t count, uint8_t* out) {
     const uint32_t first = group_bytes(text);
     const uint32_t second = group_bytes(text + 4);
     if (((first | second) & kOutside) != 0) break;
-    const uint64_t both = first | uint64_t{second} << 24;
-    memcpy(out, &both, 6);
+    const uint32_t low = first | second << 24;
+    const uint16_t high = static_cast<uint16_t>(second >> 8);
+    memcpy(out, &low, 4);
+    memcpy(out + 4, &high, 2);
   }
   for (; count >= 4; count -= 4, text += 4, out += 3, ++groups) {
     const uint32_t bytes = group_bytes(text);
