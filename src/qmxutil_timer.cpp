@@ -135,10 +135,10 @@ bool create_posix_timer(TimerHandle& timer) {
 bool arm(TimerHandle& timer, int msec) {
   const timespec delay = {msec / 1000, msec % 1000 * kNsPerMs};
   const itimerspec spec = {timer.periodic != 0 ? delay : timespec{}, delay};
+  const TimerLock lock;
   // The clock is read before the kernel reads it: no signal of this timer can come before it is due.
   timer.reservedDueNs = msec == 0 ? kNever : monotonic_ns() + msec * kNsPerMs;
   timer.reservedIntervalNs = timer.periodic != 0 ? msec * kNsPerMs : 0;
-  const TimerLock lock;
   if (timer_settime(timer.timerId, 0, &spec, nullptr) != 0) return false;
   add_live(timer);
   return true;
