@@ -30,10 +30,9 @@
  * - a periodic timer whose callback returned nonzero is not called again, even when its next signal was
  *   already on its way.
  *
- * After fork() the child has the handler but none of the timers (POSIX). It may free the records, before it
- * creates timers of its own (the system gives those the same numbers again), and create such, unless another
- * thread was inside this family at the moment of the fork. A program started with exec has neither, but
- * inherits a blocked signal as blocked.
+ * After fork() the child has the handler but none of the timers (POSIX); it may free the records, and create
+ * timers of its own, unless another thread was inside this family at the moment of the fork. A program
+ * started with exec has neither, but inherits a blocked signal as blocked.
  */
 #ifndef QMXUTIL_TIMER_H
 #define QMXUTIL_TIMER_H
