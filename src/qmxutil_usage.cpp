@@ -429,7 +429,7 @@ int QMXUTIL_UsageTaskGet(UsageTaskHandle* handle, UsageTaskLoadList* out) {
     UsageTaskEntry& entry = handle->entries[i];
     UsageTaskLoad& load = out->task[i];
     entry.updated = 0;
-    std::snprintf(load.name, sizeof load.name, "%s", entry.name);
+    std::snprintf(load.name, sizeof load.name, "%.31s", entry.name);
     load.user = share(entry.deltaUser, whole);
     load.system = share(entry.deltaSystem, whole);
     load.total = share(entry.deltaUser + entry.deltaSystem, whole);
