@@ -63,8 +63,9 @@ void convert_records(const Bytes& data) {
   for (const auto convert :
        {QMXUtil_ConvH264InfoToStartCode, QMXUtil_ConvH265InfoToStartCode, QMXUtil_ConvHEVCInfoToStartCode}) {
     Bytes record = data;
-    record.resize(convert == QMXUtil_ConvHEVCInfoToStartCode ? size
-                                                             : size * 2);  // a unit of no bytes doubles
+    const uint32_t counts = convert == QMXUtil_ConvH264InfoToStartCode ? 7 : 4;
+    const uint32_t units = size > counts ? size - counts : 0;  // of 3 bytes at least, which become 5
+    record.resize(convert == QMXUtil_ConvHEVCInfoToStartCode ? size : std::max(size, units + units / 3 * 2));
     uint32_t length = size;
     convert(record.data(), &length);
     require(length <= record.size());

@@ -284,7 +284,10 @@ QMX_API uint8_t QMXUtil_GetH265Info(const uint8_t* config, uint32_t length, Vide
  * Turns an H.264 configuration record, avcC, into NAL units behind four-byte start codes, in place.
  *
  * The result is 2 bytes longer than the record for each NAL unit, less the 7 bytes of header and counts; the
- * buffer must hold it. Bytes behind the picture parameter sets are left out, and so is what the record cuts
+ * buffer must hold it. A valid NAL unit has at least one byte, so a record of S bytes never needs more than
+ * S - 7 + 2 * floor((S - 7) / 3), or S if that is more: the walk ends in front of a unit that would go
+ * beyond, which takes units of no bytes or a missing count. A unit of no bytes within that room becomes a
+ * bare start code. Bytes behind the picture parameter sets are left out, and so is what the record cuts
  * short: the walk ends at a length that runs past the data, and at a group of picture parameter sets of 4
  * bytes or less. Data that begins with a start code is left alone.
  *
@@ -310,7 +313,9 @@ QMX_API void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length);
  * behind four-byte start codes, in place: all NAL units of all arrays.
  *
  * The result is 2 bytes longer than the input for each NAL unit, less 3 for each array and 1; the buffer must
- * hold it. The walk ends at a count or length that runs past the data.
+ * hold it. Input of S bytes never needs more than S - 4 + 2 * floor((S - 4) / 3), or S if that is more: the
+ * walk ends in front of a unit that would go beyond, which takes units of no bytes. A unit of no bytes within
+ * that room becomes a bare start code. The walk ends at a count or length that runs past the data.
  *
  * @param data    the arrays
  * @param length  in: bytes at `data`; out: bytes of the result. Unchanged, like the data, when there is no

@@ -474,11 +474,14 @@ namespace {
 
 constexpr uint32_t kAvccHeaderSize = 6;  // to the first parameter set
 constexpr uint32_t kAvccCopySlack = 16;
-constexpr uint32_t kAvccLeastGroup = 4;   // a group of this many bytes or fewer is not looked at
+constexpr uint32_t kAvccLeastGroup = 4;  // a group of this many bytes or fewer is not looked at
+constexpr uint32_t kAvccCounts = 7;  // all that is no parameter set: the header and numOfPictureParameterSets
 constexpr uint32_t kHvccHeaderSize = 23;  // to the first array
 constexpr uint32_t kHvccArrayHeader = 3;  // NAL unit type, numNalus
 constexpr int kHvccArrays = 3;
+constexpr uint32_t kHvccCounts = 4;       // of one array: numOfArrays and the array's header
 constexpr uint32_t kUnitLengthSize = 2;   // of a NAL unit in a record
+constexpr uint32_t kLeastUnit = 3;        // a NAL unit in a record has one byte at least behind its length
 constexpr uint8_t kSpsHeaderByte = 0x67;  // nal_ref_idc 3, SPS
 
 // Writes a start code and a NAL unit; the result is where the next one goes.
@@ -498,18 +501,25 @@ std::optional<Bytes> take_unit(Bytes& rest) {
   return nal;
 }
 
-// Moves `count` NAL units from the front of `rest` to `out`; false when the data ends before that.
-bool convert_group(uint32_t count, Bytes& rest, uint8_t*& out) {
+// What a caller has room for: the record itself, or if that is longer what the smallest NAL units become that
+// fit into a valid record of this size, each 2 bytes more. Units of no bytes would double.
+size_t room_for_units(size_t record, size_t counts) {
+  const size_t units = record - std::min(record, counts);
+  return std::max(record, units + units / kLeastUnit * (kStartCodeSize - kUnitLengthSize));
+}
+
+// Moves `count` NAL units from the front of `rest` to `out`; false when the data or the room ends first.
+bool convert_group(uint32_t count, Bytes& rest, uint8_t*& out, const uint8_t* room_end) {
   for (; count > 0; --count) {
     const std::optional<Bytes> nal = take_unit(rest);
-    if (!nal) return false;
+    if (!nal || static_cast<size_t>(room_end - out) < kStartCodeSize + nal->size()) return false;
     out = put_unit(out, *nal);
   }
   return true;
 }
 
 // The arrays of an hvcC record, `rest` bytes of them, to `out`; the result is the end of what was written.
-uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out) {
+uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out, const uint8_t* room_end) {
   int error = 0;
   if (rest == 0) return out;
   uint32_t arrays = QMXByte_Get_char(in, &error);  // numOfArrays
@@ -522,7 +532,7 @@ uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out) {
       if (rest < kUnitLengthSize) return out;
       const uint32_t length = QMXByte_Get_be_int16(in, &error);  // nalUnitLength
       rest -= kUnitLengthSize;
-      if (rest < length) return out;
+      if (rest < length || static_cast<size_t>(room_end - out) < kStartCodeSize + length) return out;
       std::memcpy(out, kStartCode, kStartCodeSize);
       QMXByte_Get_string(in, out + kStartCodeSize, length, &error);
       out += kStartCodeSize + length;
@@ -559,13 +569,14 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
   if (!copy) return;
   put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
+  const uint8_t* const room_end = data + room_for_units(*length, kAvccCounts);
   if (*length > kAvccHeaderSize) {
     Bytes rest(copy.get() + kAvccHeaderSize, *length - kAvccHeaderSize);
     const uint32_t numOfSequenceParameterSets = copy.get()[5] & 0x1F;
-    if (convert_group(numOfSequenceParameterSets, rest, end) && rest.size() > kAvccLeastGroup) {
+    if (convert_group(numOfSequenceParameterSets, rest, end, room_end) && rest.size() > kAvccLeastGroup) {
       const uint32_t numOfPictureParameterSets = rest[0];
       rest = rest.subspan(1);
-      convert_group(numOfPictureParameterSets, rest, end);
+      convert_group(numOfPictureParameterSets, rest, end, room_end);
     }
   }
   *length = static_cast<uint32_t>(end - data);
@@ -579,7 +590,7 @@ void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
   Bytes rest = Bytes(copy.get(), *length).subspan(std::min(*length, kHvccHeaderSize));
   for (int i = 0; i < kHvccArrays && rest.size() > kHvccArrayHeader; ++i) {
     rest = rest.subspan(kHvccArrayHeader);
-    if (!convert_group(1, rest, end)) break;
+    if (!convert_group(1, rest, end, data + *length)) break;
   }
   *length = static_cast<uint32_t>(end - data);
 }
@@ -590,7 +601,8 @@ void QMXUtil_ConvH265InfoToStartCode(uint8_t* data, uint32_t* length) {
   put_bytes(copy.get(), data, *length);
   const ByteHandle handle(QMXByte_Open(copy.get(), *length));
   if (!handle) return;
-  *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data) - data);
+  const uint8_t* const room_end = data + room_for_units(*length, kHvccCounts);
+  *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data, room_end) - data);
 }
 
 void UtilConvH264InfoFromStartCode(const uint8_t* data, uint32_t length, uint8_t* out, uint32_t* outLength,
