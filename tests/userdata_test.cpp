@@ -1,6 +1,4 @@
 // Recordings: user data, metadata, directory search, GPS positions.
-#include <sys/stat.h>
-
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -40,22 +38,19 @@ ReaderScript recording_with(const std::vector<int64_t>& times, uint32_t duration
 
 // What the two read functions are to do, told record by record.
 struct Model {
-  enum State { kUnread, kGood, kBad };
   std::vector<int64_t> times;
   uint32_t duration_ms;
-  std::vector<State> states = std::vector<State>(times.size(), kUnread);
   size_t asked = 0;
   size_t cur = 0;
   Texts traces = {};
 
-  State ask() {
-    const auto low = static_cast<uint32_t>(times[asked]);
-    states[asked] = times[asked] < 0 || low > INT32_MAX ? kBad : kGood;
-    return states[asked++];
-  }
+  bool bad(size_t i) const { return times[i] < 0 || static_cast<uint32_t>(times[i]) > INT32_MAX; }
   std::optional<size_t> nothing(const std::string& trace) {
     traces.push_back(trace);
     return {};
+  }
+  std::optional<size_t> failed(size_t i) {
+    return nothing("Reading " + std::to_string(i) + "th data Failed.\n");
   }
   std::optional<size_t> read(uint32_t second) {
     const uint32_t ms = second * 1000;
@@ -65,8 +60,8 @@ struct Model {
                      ").\n");
     }
     for (size_t i = 0; i < times.size(); ++i) {
-      if (i == asked && ask() == kBad) return nothing("Reading " + std::to_string(i) + "th data Failed.\n");
-      if (states[i] == kGood && static_cast<uint32_t>(times[i]) >= ms) return cur = i;
+      if (i == asked && bad(asked++)) return failed(i);
+      if (!bad(i) && static_cast<uint32_t>(times[i]) >= ms) return cur = i;
     }
     return nothing("No data matching with " + text + " sec.\n");
   }
@@ -74,9 +69,8 @@ struct Model {
     const size_t next = asked == 0 ? 0 : cur + 1;
     if (next == times.size()) return nothing("No more user data exist (end of data)\n");
     cur = next;
-    if (next == asked) ask();
-    if (states[next] == kBad) return nothing("Reading " + std::to_string(next) + "th data Failed.\n");
-    return next;
+    asked = std::max(asked, next + 1);
+    return bad(next) ? failed(next) : next;
   }
 };
 
@@ -122,41 +116,25 @@ TEST_F(UserDataTest, RandomRecordingsAndCallSequencesAgreeWithAModel) {
     EXPECT_EQ(recording().trace_texts(), model.traces);
     EXPECT_EQ(recording().calls_of("ReaderReadFrame"),
               Texts(model.asked, "ReaderReadFrame 3 " + std::to_string(size)));
-    for (size_t i = 0; i < times.size(); ++i) {
-      const int32_t time_ms = handle->index[i].timeMs;
-      EXPECT_EQ(time_ms < 0 ? Model::kBad : i < model.asked ? Model::kGood : Model::kUnread, model.states[i]);
-      if (model.states[i] != Model::kBad) {
-        EXPECT_EQ(time_ms, i < model.asked ? static_cast<int32_t>(times[i]) : 0);
-      }
-    }
     QMXUtil_UserDataClose(handle);
     ASSERT_EQ(recording().held(), 0);
   }
 }
 
-TEST_F(UserDataTest, OpeningReservesAllMemoryAndClosingReturnsIt) {
+TEST_F(UserDataTest, OpeningReservesAllMemoryInStepsAndRefusesACountThatDoesNotFit) {
   recording().program_reader(recording_with({0, 1000, 2000}, 3000));
-  UserDataHandle* const handle = QMXUtil_UserDataOpen("film", 1024);
-  ASSERT_NE(handle, nullptr);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(handle->index[i].data, handle->buffer + i * 1024);
-  QMXUtil_UserDataClose(handle);
+  QMXUtil_UserDataClose(QMXUtil_UserDataOpen("film", 1024));
   QMXUtil_UserDataClose(nullptr);
   EXPECT_EQ(recording().calls(),
             (Texts{"Malloc 6736 0", "ReaderOpen film", "ReaderGetInfo", "Malloc 524288 0", "Malloc 48 0",
                    "ReaderClose", "Free", "Free", "Free"}));
-}
-
-TEST_F(UserDataTest, TheBlockIsCountedInStepsAndACountThatDoesNotFitIsRefused) {
   const struct {
     uint32_t count;
     int32_t size;
-    std::string block;  // empty: refused before it is asked for
-  } cases[] = {
-      {1, 1, "524288"},       {512, 1024, "524288"},         {513, 1024, "1048576"},
-      {524289, 1, "1048576"}, {4193792, 1024, "4294443008"}, {4193793, 1024, ""},
-      {0xFFFFFFFF, 1024, ""}, {0x80000000, 2, ""},           {268435455, 1, "268435456"},
-      {268435456, 1, ""},  // the index
-  };
+    const char* block;  // null: refused before it is asked for
+  } cases[] = {{512, 1024, "524288"},         {513, 1024, "1048576"},   {524289, 1, "1048576"},
+               {4193792, 1024, "4294443008"}, {4193793, 1024, nullptr}, {0x80000000, 2, nullptr},
+               {268435455, 1, "268435456"},   {268435456, 1, nullptr}};  // the last for its index
   for (const auto& c : cases) {
     ReaderScript script = recording_with({0}, 0);
     script.info.userDataCount = c.count;
@@ -165,40 +143,10 @@ TEST_F(UserDataTest, TheBlockIsCountedInStepsAndACountThatDoesNotFitIsRefused) {
     recording().fail(Op::kMalloc, 2);
     EXPECT_EQ(QMXUtil_UserDataOpen("film", c.size), nullptr);
     Texts expected = {"Malloc 6736 0"};
-    if (!c.block.empty()) expected.push_back("Malloc " + c.block + " 0");
+    if (c.block != nullptr) expected.push_back(std::string("Malloc ") + c.block + " 0");
     EXPECT_EQ(recording().calls_of("Malloc"), expected);
-    EXPECT_EQ(recording().held(), 0);
   }
   EXPECT_TRUE(recording().traces().empty());
-}
-
-TEST_F(UserDataTest, EveryStepOfOpeningThatFailsLeavesNothingHeld) {
-  const Texts not_opened = {"QMXReaderOpen ( film ) failed\n"};
-  const Texts no_data = {"There's no userdata in film file.\n"};
-  const struct {
-    Op op;
-    int nth;  // 0: none
-    uint32_t present;
-    uint32_t count;
-    Texts traces;
-  } cases[] = {{Op::kMalloc, 1, 1, 1, {}},
-               {Op::kMalloc, 2, 1, 1, {}},
-               {Op::kMalloc, 3, 1, 1, {}},
-               {Op::kReaderOpen, 1, 1, 1, not_opened},
-               {Op::kReaderGetInfo, 1, 1, 1, no_data},
-               {Op::kMalloc, 0, 0, 1, no_data},
-               {Op::kMalloc, 0, 1, 0, no_data}};
-  for (const auto& c : cases) {
-    ReaderScript script;
-    script.info.userDataPresent = c.present;
-    script.info.userDataCount = c.count;
-    recording().clear_traces();
-    recording().program_reader(script);
-    recording().fail(c.op, c.nth);
-    EXPECT_EQ(QMXUtil_UserDataOpen("film", 8), nullptr);
-    EXPECT_EQ(recording().trace_texts(), c.traces);
-    EXPECT_EQ(recording().held(), 0);
-  }
 }
 
 TEST_F(UserDataTest, ArgumentsOutOfRangeAreTracedUnderTheFunctionCalled) {
@@ -211,107 +159,98 @@ TEST_F(UserDataTest, ArgumentsOutOfRangeAreTracedUnderTheFunctionCalled) {
   EXPECT_EQ(QMXUtil_UserDataReadNext(nullptr, &out), 0);
   EXPECT_EQ(QMXUtil_UserDataReadNext(&handle, nullptr), 0);
   EXPECT_EQ(QMXUtil_UserDataCount(nullptr), 0);
+  EXPECT_EQ(QMXUtil_MetaDataUpdate(nullptr, 1, 9), 0);
+  EXPECT_EQ(QMXUtil_MetaDataRead(nullptr, 1), 0u);
   EXPECT_TRUE(recording().calls().empty());
   Texts seen;
   for (const auto& trace : recording().traces()) {
     EXPECT_EQ(trace.module + " " + trace.file, "qmxutiluserdata qmxutil_userdata.cpp");
     EXPECT_EQ(trace.level, 1);
     const bool pointers = trace.format == "Invalid arguments (%x, %x) for user data\n";
-    seen.push_back(trace.function.substr(16) + (pointers ? "" : " " + trace.text));
+    seen.push_back(trace.function.substr(8) + (pointers ? "" : " " + trace.text));
   }
-  EXPECT_EQ(seen, (Texts{"Open Invalid arguments ((null), 8) for user data\n",
-                         "Open Invalid arguments (film, 1025) for user data\n",
-                         "Open Invalid arguments (film, 0) for user data\n",
-                         "Open Invalid arguments (film, -2147483648) for user data\n", "Read", "Read",
-                         "ReadNext", "ReadNext", "Count Invalid arguments (0) for user data\n"}));
+  EXPECT_EQ(seen, (Texts{"UserDataOpen Invalid arguments ((null), 8) for user data\n",
+                         "UserDataOpen Invalid arguments (film, 1025) for user data\n",
+                         "UserDataOpen Invalid arguments (film, 0) for user data\n",
+                         "UserDataOpen Invalid arguments (film, -2147483648) for user data\n", "UserDataRead",
+                         "UserDataRead", "UserDataReadNext", "UserDataReadNext",
+                         "UserDataCount Invalid arguments (0) for user data\n",
+                         "MetaDataUpdate NULL arguments!\n", "MetaDataRead NULL arguments!\n"}));
 }
 
 // ---- Metadata field
 
 class MetaDataTest : public qmxtest::BaseTest {
  protected:
-  ReaderScript with_field(uint32_t container, uint32_t value, uint32_t offset) {
+  void program(uint32_t container, uint32_t value, uint32_t offset, uint32_t present = 1,
+               uint32_t count = 0) {
     ReaderScript script;
     script.info.containerType = container;
-    script.info.metaPresent = 1;
+    script.info.metaPresent = script.info.userDataPresent = present;
+    script.info.userDataCount = count;
     script.info.metaValue = value;
     script.info.metaOffset = offset;
-    return script;
+    recording().program_reader(script);
   }
   TempDir dir_;
 };
 
 TEST_F(MetaDataTest, AnUpdateChangesTheBytesOfTheFieldAndNoOther) {
-  struct Case {
+  const struct {
     int32_t type;
-    uint32_t container;
-    uint32_t value;
+    uint32_t container, value;
     std::string bytes;
-  };
-  const Case cases[] = {{1, 1, 0x1FF, {"\0\0\0\xFF", 4}}, {1, 2, 0x1FF, "\xFF"},
-                        {1, 0, 0x12345678, "\x78"},       {2, 1, 0x1234, "\x34\x12"},
-                        {2, 2, 0x1234, "\x34\x12"},       {0, 1, 0xABCD5678, "\x78\x56"},
-                        {-1, 7, 0, {"\0\0", 2}}};
-  std::string content(300, '\0');
-  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + 1);
-  for (const Case& c : cases) {
+  } cases[] = {{1, 1, 0x1FF, {"\0\0\0\xFF", 4}}, {1, 2, 0x1FF, "\xFF"},          {1, 0, 0x12345678, "\x78"},
+               {2, 1, 0x1234, "\x34\x12"},       {0, 2, 0xABCD5678, "\x78\x56"}, {-1, 7, 0, {"\0\0", 2}}};
+  const std::string content(300, 'c');
+  for (const auto& c : cases) {
     for (const uint32_t offset : {0u, 7u, 299u}) {
       const std::string path = dir_.write("film", content);
-      recording().program_reader(with_field(c.container, 0, offset));
+      program(c.container, 0x89AB1234, offset);
+      EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), c.type), c.type == 1 ? 0x34u : 0x89AB1234u);
       recording().clear_calls();
       EXPECT_EQ(QMXUtil_MetaDataUpdate(path.c_str(), c.type, c.value), 1);
       std::string expected = content;
-      expected.replace(offset, c.bytes.size(), c.bytes);
-      EXPECT_EQ(qmxtest::read_file(path), expected);
+      EXPECT_EQ(qmxtest::read_file(path), expected.replace(offset, c.bytes.size(), c.bytes));
       EXPECT_EQ(recording().calls(),
                 (Texts{"ReaderOpen " + path, "ReaderGetInfo", "ReaderClose", "FileOpen " + path + " 0x8",
                        "FileSeek " + std::to_string(offset) + " 0",
                        "FileWrite " + std::to_string(c.bytes.size()), "FileClose"}));
     }
   }
-}
-
-TEST_F(MetaDataTest, ReadingGivesTheLowByteForTypeOneAndAllBitsOtherwise) {
-  recording().program_reader(with_field(1, 0x89AB1234, 0));
-  EXPECT_EQ(QMXUtil_MetaDataRead("film", 1), 0x34u);
-  for (const int32_t type : {2, 0, -1}) EXPECT_EQ(QMXUtil_MetaDataRead("film", type), 0x89AB1234u);
   EXPECT_TRUE(recording().traces().empty());
 }
 
-TEST_F(MetaDataTest, EveryFailureIsTracedAndLeavesTheFileAlone) {
-  const std::string path = dir_.write("film", "content");
+TEST_F(MetaDataTest, WhatStandsInTheWayIsTracedUnderTheFunctionCalled) {
+  const std::string path = dir_.write("film", "content"), no_data = "There's no data in " + path + " file.\n",
+                    no_records = "There's no userdata in " + path + " file.\n",
+                    not_opened = "QMXReaderOpen ( " + path + " ) failed\n";
   const struct {
     Op op;
     int nth;  // 0: none
-    const char* path;
-    uint32_t present;
-    bool reads_too;
-    std::string trace;
-  } cases[] = {
-      {Op::kReaderOpen, 0, nullptr, 1, true, "NULL arguments!\n"},
-      {Op::kReaderOpen, 1, path.c_str(), 1, true, "QMXReaderOpen ( " + path + " ) failed\n"},
-      {Op::kReaderGetInfo, 1, path.c_str(), 1, true, "There's no data in " + path + " file.\n"},
-      {Op::kReaderGetInfo, 0, path.c_str(), 0, true, "There's no data in " + path + " file.\n"},
-      {Op::kFileOpen, 1, path.c_str(), 1, false, "open (" + path + ") failed!\n"},
-      {Op::kFileSeek, 1, path.c_str(), 1, false, "seek (" + path + ", -2) failed!\n"},
-  };
+    uint32_t present, count;
+    std::string update, read, open;
+  } cases[] = {{Op::kReaderOpen, 1, 1, 1, not_opened, not_opened, not_opened},
+               {Op::kReaderGetInfo, 1, 1, 1, no_data, no_data, no_records},
+               {Op::kReaderOpen, 0, 0, 1, no_data, no_data, no_records},
+               {Op::kFileOpen, 1, 1, 0, "open (" + path + ") failed!\n", "", no_records},
+               {Op::kFileSeek, 1, 1, 0, "seek (" + path + ", -2) failed!\n", "", no_records}};
   for (const auto& c : cases) {
-    ReaderScript script = with_field(1, 5, 0xFFFFFFFE);
-    script.info.metaPresent = c.present;
-    recording().program_reader(script);
-    recording().clear_traces();
-    Texts expected = {"QMXUtil_MetaDataUpdate: " + c.trace};
-    recording().fail(c.op, c.nth);
-    EXPECT_EQ(QMXUtil_MetaDataUpdate(c.path, 1, 9), 0);
-    if (c.reads_too) {
+    program(1, 5, 0xFFFFFFFE, c.present, c.count);
+    const auto traced = [&](const auto& call) {
+      recording().clear_traces();
       recording().fail(c.op, c.nth);
-      EXPECT_EQ(QMXUtil_MetaDataRead(c.path, 1), 0u);
-      expected.push_back("QMXUtil_MetaDataRead: " + c.trace);
-    }
-    Texts seen;
-    for (const auto& trace : recording().traces()) seen.push_back(trace.function + ": " + trace.text);
-    EXPECT_EQ(seen, expected);
-    EXPECT_EQ(recording().held(), 0);
+      call();
+      recording().stop_failing();
+      const auto traces = recording().traces();
+      return traces.empty() ? ": " : traces[0].function + ": " + traces[0].text;
+    };
+    EXPECT_EQ(traced([&] { EXPECT_EQ(QMXUtil_MetaDataUpdate(path.c_str(), 1, 9), 0); }),
+              "QMXUtil_MetaDataUpdate: " + c.update);
+    EXPECT_EQ(traced([&] { EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), 1), c.read.empty() ? 5u : 0u); }),
+              (c.read.empty() ? ": " : "QMXUtil_MetaDataRead: ") + c.read);
+    EXPECT_EQ(traced([&] { EXPECT_EQ(QMXUtil_UserDataOpen(path.c_str(), 8), nullptr); }),
+              "QMXUtil_UserDataOpen: " + c.open);
     EXPECT_EQ(qmxtest::read_file(path), "content");
   }
 }
@@ -328,14 +267,9 @@ TEST_F(MetaDataTest, RecordingsOfBothKindsGiveTheirRecordsAndTakeANewValueInPlac
   avi.frames = 75;  // of 40 ms
   mp4.metadata = {"\0\0\0\7", 4};
   avi.metadata = "\7";
-  const struct {
-    qmxtest::SparseFile file;
-    std::string before, after;  // the field with what stands in front of it
-  } cases[] = {{mp4.file(), {"qmxm\0\0\0\7", 8}, {"qmxm\0\0\0\x20", 8}},
-               {avi.file(), {"qmxm\1\0\0\0\7", 9}, {"qmxm\1\0\0\0\x20", 9}}};
   const std::string path = dir_.file("film");
-  for (const auto& c : cases) {
-    c.file.write(path);
+  for (const auto& file : {mp4.file(), avi.file()}) {
+    file.write(path);
     UserDataHandle* const handle = QMXUtil_UserDataOpen(path.c_str(), 8);
     ASSERT_NE(handle, nullptr);
     char out[8];
@@ -344,25 +278,14 @@ TEST_F(MetaDataTest, RecordingsOfBothKindsGiveTheirRecordsAndTakeANewValueInPlac
     EXPECT_EQ(QMXUtil_UserDataReadNext(handle, out), 1);
     EXPECT_STREQ(out, "third");
     EXPECT_EQ(QMXUtil_UserDataRead(handle, 3, out), 0);
-    EXPECT_EQ(QMXUtil_UserDataRead(handle, 4, out), 0);
-    EXPECT_EQ(recording().trace_texts(),
-              (Texts{"No data matching with 3 sec.\n", "4 second is over than total duration (3).\n"}));
     QMXUtil_UserDataClose(handle);
-    recording().clear_traces();
     std::string expected = qmxtest::read_file(path);
+    expected[expected.find('\7', expected.find("qmxm"))] = '\x20';
     EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), 1), 7u);
     EXPECT_EQ(QMXUtil_MetaDataUpdate(path.c_str(), 1, 0x120), 1);
     EXPECT_EQ(QMXUtil_MetaDataRead(path.c_str(), 1), 0x20u);
-    expected.replace(expected.find(c.before), c.before.size(), c.after);
     EXPECT_EQ(qmxtest::read_file(path), expected);
   }
-  UserDataHandle* const handle = QMXUtil_UserDataOpen(TEST_DATA_DIR "/timed-metadata.mov", 64);
-  ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(QMXUtil_UserDataCount(handle), 10);
-  char out[65] = {};
-  EXPECT_EQ(QMXUtil_UserDataRead(handle, 9, out), 1);
-  EXPECT_EQ(out, "record 9" + std::string(56, '.'));
-  QMXUtil_UserDataClose(handle);
 }
 
 // ---- Directory search
@@ -370,7 +293,7 @@ TEST_F(MetaDataTest, RecordingsOfBothKindsGiveTheirRecordsAndTakeANewValueInPlac
 class FileSearchTest : public ::testing::Test {
  protected:
   void make(const std::string& path) { std::filesystem::create_directories(dir_.file(path)); }
-  // The path found, below the test's folder, or "-".
+  // The path found, or "-".
   std::string search(const std::string& dir, const std::string& name) {
     char out[128] = "-";
     const int found = QMXUtil_FileSearch(dir.c_str(), name.c_str(), out, sizeof out);
@@ -384,24 +307,19 @@ class FileSearchTest : public ::testing::Test {
 };
 
 TEST_F(FileSearchTest, TheFirstSubdirectoryThatHasTheEntryIsFound) {
-  EXPECT_EQ(search(dir_.path(), "x"), "-");
   make("a/deeper/only");
   make("b/wanted");
   dir_.write("wanted", "not in a subdirectory");
-  EXPECT_EQ(search(dir_.path(), "wanted"), dir_.file("b/wanted"));
   EXPECT_EQ(search(dir_.path() + "/", "wanted"), dir_.file("b/wanted"));
   EXPECT_EQ(search(".", "wanted"), "./b/wanted");
-  EXPECT_EQ(search(dir_.path(), "only"), "-");
-  EXPECT_EQ(search(dir_.file("none"), "wanted"), "-");
+  EXPECT_EQ(search(".", "only"), "-");
+  EXPECT_EQ(search("none", "wanted"), "-");
   EXPECT_EQ(search("", "wanted"), "-");
   EXPECT_EQ(QMXUtil_FileSearch(nullptr, "wanted", nullptr, 0), 0);
   EXPECT_EQ(QMXUtil_FileSearch(".", nullptr, nullptr, 0), 0);
   char cut[9] = "--------";
-  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, 6), 1);
+  for (const int32_t size : {6, 0, -1}) EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, size), 1);
   EXPECT_EQ(std::string(cut, 8), std::string("./b/w\0--", 8));
-  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, 0), 1);
-  EXPECT_EQ(QMXUtil_FileSearch(".", "wanted", cut, -1), 1);
-  EXPECT_EQ(cut[0], '.');
 }
 
 TEST_F(FileSearchTest, NoNameRunsAnythingOrIsTakenForAnOption) {
@@ -425,24 +343,20 @@ TEST_F(FileSearchTest, EveryLineThatFindPrintsIsAPath) {
   EXPECT_EQ(qmxtest::read_file("asked"), "a  b -maxdepth 1 -mindepth 1 -type d\n");
 }
 
-TEST_F(FileSearchTest, LimitsOfPathsAndCommand) {
-  const std::string s62 = "d/" + std::string(60, 's');
+TEST_F(FileSearchTest, LimitsOfPathsCommandAndNumber) {
+  const std::string s62 = "d/" + std::string(60, 's'), n64(64, 'n');
   make(s62 + "s/wanted");
   EXPECT_EQ(search("d", "wanted"), "-") << "63 bytes";
   make(s62 + "/wanted");
   EXPECT_EQ(search("d", "wanted"), s62 + "/wanted");
-  const std::string n64(64, 'n');
   make(s62 + "/" + n64);
   EXPECT_EQ(search("d", n64), s62 + "/" + n64);
   EXPECT_EQ(search("d", n64 + "n"), "-") << "its cut path is there";
   EXPECT_EQ(search(std::string(4000, '\''), "wanted"), "-");
-}
 
-TEST_F(FileSearchTest, ThirtyTwoSubdirectoriesAreTriedAndTheRestReadAway) {
   for (int i = 0; i < 40; ++i) make("many/" + std::to_string(i) + "/only" + std::to_string(i));
   int found = 0;  // which ones is the directory's order
-  for (int i = 0; i < 40; ++i)
-    found += QMXUtil_FileSearch("many", ("only" + std::to_string(i)).c_str(), nullptr, 0);
+  for (int i = 0; i < 40; ++i) found += search("many", "only" + std::to_string(i)) != "-";
   EXPECT_EQ(found, 32);
 }
 
@@ -462,23 +376,24 @@ float model_degrees(float value, bool positive) {
   return positive || sum == 0 ? sum : -sum;
 }
 
+void expect_degrees(float degrees, int32_t e5, float value, bool positive) {
+  const float expected = model_degrees(value, positive);
+  EXPECT_TRUE(std::bit_cast<uint32_t>(degrees) == std::bit_cast<uint32_t>(expected) ||
+              (std::isnan(degrees) && std::isnan(expected)))
+      << value;
+  EXPECT_EQ(e5, saturated(static_cast<float>(double{expected} * 100000))) << value;
+}
+
 void expect_point(uint8_t north, uint8_t east, float latitude, float longitude) {
-  const auto same = [](float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); };
   const GpsMapPoint point = QMXUtil_GPSConvToMap(north, east, latitude, longitude);
-  const float expected[] = {model_degrees(latitude, north != 0), model_degrees(longitude, east != 0)};
-  EXPECT_TRUE(same(point.latitude, expected[0]) || (std::isnan(point.latitude) && std::isnan(expected[0])));
-  EXPECT_TRUE(same(point.longitude, expected[1]) || (std::isnan(point.longitude) && std::isnan(expected[1])));
-  EXPECT_EQ(point.latitudeE5, saturated(static_cast<float>(double{expected[0]} * 100000))) << latitude;
-  EXPECT_EQ(point.longitudeE5, saturated(static_cast<float>(double{expected[1]} * 100000))) << longitude;
+  expect_degrees(point.latitude, point.latitudeE5, latitude, north != 0);
+  expect_degrees(point.longitude, point.longitudeE5, longitude, east != 0);
 }
 
 TEST(GpsTest, EveryStepIsInSinglePrecisionAndNoConversionIsUndefined) {
   const GpsMapPoint point = QMXUtil_GPSConvToMap(0, 7, 4530.0F, 100.0F);
   EXPECT_EQ(point.latitude, -45.5F);
-  EXPECT_EQ(point.latitudeE5, -4550000);
-  EXPECT_EQ(point.longitude, 1.0F);
   EXPECT_EQ(point.longitudeE5, 100000);
-  EXPECT_FALSE(std::signbit(QMXUtil_GPSConvToMap(0, 0, 0.0F, -0.0F).latitude));
   using Limits = std::numeric_limits<float>;
   for (const float value : {Limits::infinity(), -Limits::infinity(), Limits::quiet_NaN(), Limits::max(),
                             Limits::lowest(), Limits::denorm_min(), 0.0F, -0.0F, 2147483.648F, 2.2e11F}) {
