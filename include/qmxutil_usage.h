@@ -125,11 +125,11 @@ typedef struct UsageTaskHandle {
   int32_t count;                                   /**< entries in use */
   UsageTaskEntry entries[QMXUTIL_USAGE_MAX_TASKS]; /**< in the order of the directory when it was built */
   uint32_t sumPrevUser;                            /**< sums over all entries; 0 between readings */
-  uint32_t sumPrevSystem;
-  uint32_t sumCurUser;
-  uint32_t sumCurSystem;
-  uint32_t sumDeltaUser;
-  uint32_t sumDeltaSystem;
+  uint32_t sumPrevSystem;                          /**< likewise */
+  uint32_t sumCurUser;                             /**< likewise */
+  uint32_t sumCurSystem;                           /**< likewise */
+  uint32_t sumDeltaUser;                           /**< likewise */
+  uint32_t sumDeltaSystem;                         /**< likewise */
 } UsageTaskHandle;
 
 /** Share of one thread in the CPU time that its process used in the interval, in percent. */
