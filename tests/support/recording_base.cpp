@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -50,8 +51,7 @@ struct State {
   bool guard_pages = true;
   struct BlockInfo {
     uint32_t size;
-    void* map;  // null: from malloc
-    size_t map_size;
+    std::unique_ptr<GuardedBytes> guarded;  // null: from malloc
   };
   std::map<const void*, BlockInfo> blocks;
   std::multiset<const void*> handles;
@@ -94,41 +94,36 @@ bool must_fail(Op op) {
   return hit;
 }
 
-void hold_handle(const void* handle) {
-  if (handle == nullptr) return;
-  std::lock_guard hold(state().lock);
-  state().handles.insert(handle);
+[[noreturn]] void stop(const char* what, const char* name) {
+  std::fprintf(stderr, "%s %s\n", what, name);
+  std::abort();
+}
+
+template <class Handle>
+Handle* hold_handle(Handle* handle) {
+  if (handle != nullptr) {
+    std::lock_guard hold(state().lock);
+    state().handles.insert(handle);
+  }
+  return handle;
 }
 
 void drop_handle(const void* handle) {
   std::lock_guard hold(state().lock);
   const auto it = state().handles.find(handle);
-  if (it == state().handles.end()) {
-    std::fprintf(stderr, "a handle was released that is not held\n");
-    std::abort();
-  }
+  if (it == state().handles.end()) stop("not held, but released:", "a handle");
   state().handles.erase(it);
 }
 
 void* new_block(uint64_t size, bool clear) {
   State& s = state();
-  State::BlockInfo info{static_cast<uint32_t>(size), nullptr, 0};
-  uint8_t* block;
-  if (s.guard_pages) {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t body = (size + page - 1) / page * page;
-    info.map_size = body + page;
-    info.map = mmap(nullptr, info.map_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (info.map == MAP_FAILED) return nullptr;
-    mprotect(static_cast<uint8_t*>(info.map) + body, page, PROT_NONE);
-    block = static_cast<uint8_t*>(info.map) + body - size;
-  } else {
-    block = static_cast<uint8_t*>(std::malloc(size == 0 ? 1 : size));
-    if (block == nullptr) return nullptr;
-  }
+  State::BlockInfo info{static_cast<uint32_t>(size), nullptr};
+  if (s.guard_pages) info.guarded = std::make_unique<GuardedBytes>(size);
+  void* const block = s.guard_pages ? info.guarded->data() : std::malloc(size == 0 ? 1 : size);
+  if (block == nullptr) return nullptr;
   std::memset(block, clear ? 0 : 0xA5, size);
   std::lock_guard hold(s.lock);
-  s.blocks[block] = info;
+  s.blocks[block] = std::move(info);
   return block;
 }
 
@@ -136,11 +131,30 @@ void* new_block(uint64_t size, bool clear) {
 template <class F>
 F next(const char* name) {
   void* const symbol = dlsym(RTLD_NEXT, name);
-  if (symbol == nullptr) {
-    std::fprintf(stderr, "the stand-in has no %s\n", name);
-    std::abort();
-  }
+  if (symbol == nullptr) stop("the stand-in has no", name);
   return reinterpret_cast<F>(symbol);
+}
+#define NEXT(function) next<decltype(&function)>(#function)
+
+// A call that opens something: recorded, perhaps failed, passed on, its handle held.
+template <class F, class... Args>
+auto open_next(F function, Op op, const std::string& call, Args... args) {
+  record(call);
+  return must_fail(op) ? nullptr : hold_handle(function(args...));
+}
+
+// A call that works on something open: recorded, perhaps failed, passed on.
+template <class F, class... Args>
+auto use_next(F function, Op op, const std::string& call, Args... args) {
+  record(call);
+  return must_fail(op) ? -1 : function(args...);
+}
+
+template <class F, class Handle>
+auto close_next(F function, const char* call, Handle* handle) {
+  record(call);
+  drop_handle(handle);
+  return function(handle);
 }
 
 }  // namespace
@@ -204,14 +218,9 @@ void RecordingBase::clear_calls() {
   state().calls.clear();
 }
 
-void RecordingBase::fail(Op op, int n) {
+void RecordingBase::fail(Op op, int n, bool later_ones_too) {
   std::lock_guard hold(state().lock);
-  state().failing[static_cast<size_t>(op)] = {n, false};
-}
-
-void RecordingBase::fail_from(Op op, int n) {
-  std::lock_guard hold(state().lock);
-  state().failing[static_cast<size_t>(op)] = {n, true};
+  state().failing[static_cast<size_t>(op)] = {n, later_ones_too};
 }
 
 void RecordingBase::fail_any(int n) {
@@ -321,79 +330,52 @@ void* QMX_Malloc(uint32_t size, int reserved, int fill, const char*, int, const 
   EXPECT_EQ(reserved, 0);
   EXPECT_TRUE(fill == QMX_FILL_ZERO || fill == QMX_FILL_NONE);
   record(format("Malloc %u %d", size, fill));
-  if (must_fail(Op::kMalloc)) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  return new_block(size, fill == QMX_FILL_ZERO);
+  if (!must_fail(Op::kMalloc)) return new_block(size, fill == QMX_FILL_ZERO);
+  errno = ENOMEM;
+  return nullptr;
 }
 
 void* QMX_Calloc(int count, int size, int fill, const char*, int, const char*) {
   record(format("Calloc %d %d %d", count, size, fill));
-  if (must_fail(Op::kCalloc)) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  return new_block(static_cast<uint64_t>(count) * static_cast<uint64_t>(size), true);
+  if (!must_fail(Op::kCalloc))
+    return new_block(static_cast<uint64_t>(count) * static_cast<uint64_t>(size), true);
+  errno = ENOMEM;
+  return nullptr;
 }
 
 void QMX_Free(void* block, int reserved) {
   EXPECT_EQ(reserved, 0);
   EXPECT_NE(block, nullptr);
   record("Free");
-  State::BlockInfo info;
-  {
-    State& s = state();
-    std::lock_guard hold(s.lock);
-    const auto it = s.blocks.find(block);
-    if (it == s.blocks.end()) {
-      std::fprintf(stderr, "a block was released that is not held\n");
-      std::abort();
-    }
-    info = it->second;
-    s.blocks.erase(it);
-  }
-  if (info.map != nullptr) {
-    munmap(info.map, info.map_size);
-  } else {
-    std::free(block);
-  }
+  std::unique_lock hold(state().lock);
+  const auto held = state().blocks.extract(block);
+  hold.unlock();
+  if (held.empty()) stop("not held, but released:", "a block");
+  if (held.mapped().guarded == nullptr) std::free(block);
 }
 
 FILE* QMX_FileOpen(const char* path, uint32_t mode) {
   record(format("FileOpen %s 0x%X", path, mode));
-  if (must_fail(Op::kFileOpen)) {
-    errno = EACCES;
-    return nullptr;
-  }
-  FILE* const stream = next<decltype(&QMX_FileOpen)>("QMX_FileOpen")(path, mode);
-  const int saved_errno = errno;
-  hold_handle(stream);
-  errno = saved_errno;
-  return stream;
+  if (!must_fail(Op::kFileOpen)) return hold_handle(NEXT(QMX_FileOpen)(path, mode));
+  errno = EACCES;
+  return nullptr;
 }
 
 int QMX_FileSeek(FILE* stream, int64_t offset, int whence) {
-  record(format("FileSeek %lld %d", static_cast<long long>(offset), whence));
-  if (must_fail(Op::kFileSeek)) return -1;
-  return next<decltype(&QMX_FileSeek)>("QMX_FileSeek")(stream, offset, whence);
+  const std::string call = format("FileSeek %lld %d", static_cast<long long>(offset), whence);
+  return use_next(NEXT(QMX_FileSeek), Op::kFileSeek, call, stream, offset, whence);
 }
 
-int64_t QMX_FileTell(FILE* stream) {
-  record("FileTell");
-  if (must_fail(Op::kFileTell)) return -1;
-  return next<decltype(&QMX_FileTell)>("QMX_FileTell")(stream);
-}
+int64_t QMX_FileTell(FILE* stream) { return use_next(NEXT(QMX_FileTell), Op::kFileTell, "FileTell", stream); }
 
 int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
-  record(format("FileRead %lld", static_cast<long long>(count)));
-  if (must_fail(Op::kFileRead)) return -1;
-  return next<decltype(&QMX_FileRead)>("QMX_FileRead")(stream, buffer, count);
+  const std::string call = format("FileRead %lld", static_cast<long long>(count));
+  return use_next(NEXT(QMX_FileRead), Op::kFileRead, call, stream, buffer, count);
 }
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
   record(format("FileWrite %lld", static_cast<long long>(count)));
-  const auto write = next<decltype(&QMX_FileWrite)>("QMX_FileWrite");
+  const auto write = NEXT(QMX_FileWrite);
   if (!must_fail(Op::kFileWrite)) return write(stream, buffer, count);
   rlimit usual;  // the stand-in meets the failure itself: no file may have a byte written to it
   getrlimit(RLIMIT_FSIZE, &usual);
@@ -407,17 +389,9 @@ int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
   return written;
 }
 
-int QMX_FileSync(FILE* stream) {
-  record("FileSync");
-  if (must_fail(Op::kFileSync)) return -1;
-  return next<decltype(&QMX_FileSync)>("QMX_FileSync")(stream);
-}
+int QMX_FileSync(FILE* stream) { return use_next(NEXT(QMX_FileSync), Op::kFileSync, "FileSync", stream); }
 
-int QMX_FileClose(FILE* stream) {
-  record("FileClose");
-  drop_handle(stream);
-  return next<decltype(&QMX_FileClose)>("QMX_FileClose")(stream);
-}
+int QMX_FileClose(FILE* stream) { return close_next(NEXT(QMX_FileClose), "FileClose", stream); }
 
 int QMX_snprintf(char* buffer, uint32_t size, const char* text, ...) {
   va_list args;
@@ -429,62 +403,32 @@ int QMX_snprintf(char* buffer, uint32_t size, const char* text, ...) {
 
 void QMX_ThreadSleep(int duration) {
   record(format("ThreadSleep %d", duration));
-  next<decltype(&QMX_ThreadSleep)>("QMX_ThreadSleep")(duration);
+  NEXT(QMX_ThreadSleep)(duration);
 }
 
-QMXList* QMX_ListCreate(void) {
-  record("ListCreate");
-  if (must_fail(Op::kListCreate)) return nullptr;
-  QMXList* const list = next<decltype(&QMX_ListCreate)>("QMX_ListCreate")();
-  hold_handle(list);
-  return list;
-}
+QMXList* QMX_ListCreate(void) { return open_next(NEXT(QMX_ListCreate), Op::kListCreate, "ListCreate"); }
+
+void QMX_ListDestroy(QMXList* list) { close_next(NEXT(QMX_ListDestroy), "ListDestroy", list); }
 
 QMXListNode* QMX_List_Node_new(void) {
-  if (must_fail(Op::kListNodeNew)) return nullptr;
-  QMXListNode* const node = next<decltype(&QMX_List_Node_new)>("QMX_List_Node_new")();
-  hold_handle(node);
-  return node;
+  return open_next(NEXT(QMX_List_Node_new), Op::kListNodeNew, "ListNodeNew");
 }
 
 void QMX_List_Node_delete(QMXListNode* node) {
-  drop_handle(node);
-  next<decltype(&QMX_List_Node_delete)>("QMX_List_Node_delete")(node);
-}
-
-void QMX_ListDestroy(QMXList* list) {
-  record("ListDestroy");
-  drop_handle(list);
-  next<decltype(&QMX_ListDestroy)>("QMX_ListDestroy")(list);
+  close_next(NEXT(QMX_List_Node_delete), "ListNodeDelete", node);
 }
 
 QMXBit* QMXBitOpen(const uint8_t* buffer, uint32_t length) {
-  record(format("BitOpen %u", length));
-  if (must_fail(Op::kBitOpen)) return nullptr;
-  QMXBit* const bits = next<decltype(&QMXBitOpen)>("QMXBitOpen")(buffer, length);
-  hold_handle(bits);
-  return bits;
+  return open_next(NEXT(QMXBitOpen), Op::kBitOpen, format("BitOpen %u", length), buffer, length);
 }
 
-void QMXBitClose(QMXBit* handle) {
-  record("BitClose");
-  drop_handle(handle);
-  next<decltype(&QMXBitClose)>("QMXBitClose")(handle);
-}
+void QMXBitClose(QMXBit* handle) { close_next(NEXT(QMXBitClose), "BitClose", handle); }
 
 QMXByte* QMXByte_Open(const uint8_t* buffer, uint32_t length) {
-  record(format("ByteOpen %u", length));
-  if (must_fail(Op::kByteOpen)) return nullptr;
-  QMXByte* const bytes = next<decltype(&QMXByte_Open)>("QMXByte_Open")(buffer, length);
-  hold_handle(bytes);
-  return bytes;
+  return open_next(NEXT(QMXByte_Open), Op::kByteOpen, format("ByteOpen %u", length), buffer, length);
 }
 
-void QMXByte_Close(QMXByte* handle) {
-  record("ByteClose");
-  drop_handle(handle);
-  next<decltype(&QMXByte_Close)>("QMXByte_Close")(handle);
-}
+void QMXByte_Close(QMXByte* handle) { close_next(NEXT(QMXByte_Close), "ByteClose", handle); }
 
 // The media file reader: the stand-in's, or the script's, whose one handle is a fixed address.
 static QMXReader* scripted_reader() { return reinterpret_cast<QMXReader*>(&trace_slots); }
@@ -492,14 +436,13 @@ static QMXReader* scripted_reader() { return reinterpret_cast<QMXReader*>(&trace
 int QMXReaderOpen(QMXReader** out, QMXReaderParam* param) {
   record(format("ReaderOpen %s", param->path));
   if (must_fail(Op::kReaderOpen)) return -1;
-  int result;
+  int result = 0;
   if (state().scripted) {
     static const uint8_t zeros[sizeof param->reserved8] = {};
     EXPECT_EQ(std::memcmp(param->reserved8, zeros, sizeof zeros), 0) << "bytes not listed must be zero";
-    result = state().script.open_result;
-    if (result >= 0) *out = scripted_reader();
+    *out = scripted_reader();
   } else {
-    result = next<decltype(&QMXReaderOpen)>("QMXReaderOpen")(out, param);
+    result = NEXT(QMXReaderOpen)(out, param);
   }
   if (result >= 0) hold_handle(*out);
   return result;
@@ -508,18 +451,18 @@ int QMXReaderOpen(QMXReader** out, QMXReaderParam* param) {
 int QMXReaderGetInfo(QMXReader* handle, QMXReaderInfo* info) {
   record("ReaderGetInfo");
   if (must_fail(Op::kReaderGetInfo)) return -1;
-  if (!state().scripted) return next<decltype(&QMXReaderGetInfo)>("QMXReaderGetInfo")(handle, info);
+  if (!state().scripted) return NEXT(QMXReaderGetInfo)(handle, info);
   static const QMXReaderInfo zeros = {};
   EXPECT_EQ(std::memcmp(info, &zeros, sizeof zeros), 0) << "the record must come cleared";
   *info = state().script.info;
-  return state().script.info_result;
+  return 0;
 }
 
 int QMXReaderReadFrame(QMXReader* handle, QMXReaderFrame* frame) {
   record(format("ReaderReadFrame %u %u", frame->kind, frame->capacity));
   if (must_fail(Op::kReaderReadFrame)) return -1;
   State& s = state();
-  if (!s.scripted) return next<decltype(&QMXReaderReadFrame)>("QMXReaderReadFrame")(handle, frame);
+  if (!s.scripted) return NEXT(QMXReaderReadFrame)(handle, frame);
   if (s.next_record >= s.script.records.size()) return -1;
   const ReaderRecord& record = s.script.records[s.next_record++];
   if (record.result < 0) return record.result;
@@ -531,5 +474,5 @@ int QMXReaderReadFrame(QMXReader* handle, QMXReaderFrame* frame) {
 void QMXReaderClose(QMXReader* handle) {
   record("ReaderClose");
   drop_handle(handle);
-  if (!state().scripted) next<decltype(&QMXReaderClose)>("QMXReaderClose")(handle);
+  if (!state().scripted) NEXT(QMXReaderClose)(handle);
 }

@@ -53,8 +53,6 @@ struct ReaderRecord {
   std::string data;
 };
 struct ReaderScript {
-  int open_result = 0;
-  int info_result = 0;
   QMXReaderInfo info = {};
   std::vector<ReaderRecord> records;
 };
@@ -77,8 +75,8 @@ class RecordingBase {
   void clear_calls();
 
   // The n-th call of `op` from now on fails (1 is the next); fail_from: that one and all later ones.
-  void fail(Op op, int n = 1);
-  void fail_from(Op op, int n = 1);
+  void fail(Op op, int n = 1, bool later_ones_too = false);
+  void fail_from(Op op, int n = 1) { fail(op, n, true); }
   // The n-th call from now on of any operation that can fail; true from fired() once it came to that.
   void fail_any(int n);
   bool fired() const;
