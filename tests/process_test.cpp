@@ -70,130 +70,107 @@ class ProcessTest : public qmxtest::BaseTest {
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
     EXPECT_EQ(open_descriptors(), descriptors_) << "a descriptor was left open";
   }
+  std::string seen_by_tool() const { return qmxtest::read_file(tools_.dir().file("seen")); }
   const qmxtest::ReplacementTools tools_;
   const size_t descriptors_ = open_descriptors();
 };
 
-struct Message {
-  int level;
-  std::string text;
-};
-
-void expect_messages(const std::string& function, const std::vector<Message>& expected) {
-  const auto traces = recording().traces();
-  ASSERT_EQ(traces.size(), expected.size()) << function;
-  for (size_t i = 0; i < traces.size(); ++i) {
-    EXPECT_EQ(traces[i].text, expected[i].text);
-    EXPECT_EQ(traces[i].level, expected[i].level) << traces[i].text;
-    EXPECT_EQ(traces[i].function, function);
-    EXPECT_EQ(traces[i].module, "qmxutil_proc");
-    EXPECT_EQ(traces[i].file, "qmxutil_process.cpp");
+// Each message with its level in front.
+void expect_messages(const std::string& function, const std::vector<std::string>& expected) {
+  std::vector<std::string> seen;
+  for (const auto& trace : recording().traces()) {
+    seen.push_back(std::to_string(trace.level) + " " + trace.text);
+    EXPECT_EQ(trace.function, function);
+    EXPECT_EQ(trace.module + " " + trace.file, "qmxutil_proc qmxutil_process.cpp");
   }
+  EXPECT_EQ(seen, expected);
   recording().clear_traces();
 }
 
 TEST_F(ProcessTest, RunExTellsHowTheProgramEnded) {
-  const char kill_self[] = "-c kill${IFS}-9${IFS}$$";
-  for (const auto& [path, args, code, waited, looked] :
-       {std::tuple{"/bin/true", "", 0, Message{2, "Process exited with status 0\n"},
-                   Message{1, "Process already exited with status 0\n"}},
-        {"/bin/false",
-         "",
-         1,
-         {2, "Process exited with status 1\n"},
-         {1, "Process already exited with status 1\n"}},
-        {"/bin/sh",
-         "-c exit\t255",
-         255,
-         {2, "Process exited with status 255\n"},
-         {1, "Process already exited with status 255\n"}},
-        {"/bin/sh",
-         kill_self,
-         -1,
-         {1, "Process terminated by signal 9\n"},
-         {1, "Process terminated by signal 9\n"}}}) {
-    EXPECT_EQ(QMXUtil_ProcessRunEx(path, args, 1), code);
-    expect_messages("QMXUtil_ProcessRunEx", {waited});
-    settle = true;
-    EXPECT_EQ(QMXUtil_ProcessRunEx(path, args, 0), code);
+  for (const auto& [path, args, code] : {std::tuple{"/bin/true", "", 0},
+                                         {"/bin/false", nullptr, 1},
+                                         {"/bin/sh", "-c exit\t255", 255},
+                                         {"/bin/sh", "-c kill${IFS}-9${IFS}$$", -1}}) {
+    const std::string ending = "exited with status " + std::to_string(code) + "\n";
+    for (const bool wait : {true, false}) {
+      settle = !wait;
+      EXPECT_EQ(QMXUtil_ProcessRunEx(path, args, wait), code);
+      expect_messages("QMXUtil_ProcessRunEx", {code < 0 ? "1 Process terminated by signal 9\n"
+                                               : wait   ? "2 Process " + ending
+                                                        : "1 Process already " + ending});
+    }
     settle = false;
-    expect_messages("QMXUtil_ProcessRunEx", {looked});
   }
   EXPECT_EQ(QMXUtil_ProcessRunEx(nullptr, "", 1), -1);
-  expect_messages("QMXUtil_ProcessRunEx", {{1, "Invalid path\n"}});
+  expect_messages("QMXUtil_ProcessRunEx", {"1 Invalid path\n"});
   if (!exec_failure_is_told()) return;
   EXPECT_EQ(QMXUtil_ProcessRunEx("true", nullptr, 1), ENOENT) << "no search path";
-  expect_messages("QMXUtil_ProcessRunEx", {{1, "posix_spawn failed: 2\n"}});
+  expect_messages("QMXUtil_ProcessRunEx", {"1 posix_spawn failed: 2\n"});
 }
 
 TEST_F(ProcessTest, RunExSplitsItsArgumentsAtBlanksOnly) {
   const std::string program = tools_.tool("show", "for a; do printf '%s|' \"$a\"; done >\"${0%/*}/seen\"");
-  const auto seen = [&](const char* args) {
-    EXPECT_EQ(QMXUtil_ProcessRunEx(program.c_str(), args, 1), 0);
-    return qmxtest::read_file(tools_.dir().file("seen"));
-  };
-  EXPECT_EQ(seen(nullptr), "");
-  EXPECT_EQ(seen(""), "");
-  EXPECT_EQ(seen("    "), "");
-  EXPECT_EQ(seen("  -a   -b  "), "-a|-b|");
-  EXPECT_EQ(seen("a\tb 'c d' $HOME \\"), "a\tb|'c|d'|$HOME|\\|");
   std::string words, thirty;
   for (int i = 0; i < 40; ++i) {
     const std::string word(1 + i % 3, static_cast<char>('!' + i));
     words.append(" ").append(word);
     if (i < 30) thirty.append(word).append("|");
   }
-  EXPECT_EQ(seen(words.c_str()), thirty);
-  EXPECT_EQ(seen(("a " + std::string(600, 'x')).c_str()), "a|" + std::string(509, 'x') + "|");
+  for (const auto& [args, seen] : {std::pair<std::string, std::string>{"    ", ""},
+                                   {"  -a   -b  ", "-a|-b|"},
+                                   {"a\tb 'c d' $HOME \\", "a\tb|'c|d'|$HOME|\\|"},
+                                   {words, thirty},
+                                   {"a " + std::string(600, 'x'), "a|" + std::string(509, 'x') + "|"}}) {
+    EXPECT_EQ(QMXUtil_ProcessRunEx(program.c_str(), args.c_str(), 1), 0);
+    EXPECT_EQ(seen_by_tool(), seen);
+  }
 }
 
 TEST_F(ProcessTest, AProgramThatIsNotWaitedForIsItsStartersToReap) {
   const int child = QMXUtil_ProcessRunEx("/bin/sleep", "100", 0);
   ASSERT_GT(child, 0);
-  expect_messages("QMXUtil_ProcessRunEx",
-                  {{1, "Process still running: pid=" + std::to_string(child) + "\n"}});
+  const std::string pid = std::to_string(child);
+  expect_messages("QMXUtil_ProcessRunEx", {"1 Process still running: pid=" + pid + "\n"});
   victim = child;
   EXPECT_EQ(QMXUtil_ProcessKill(nullptr, child), 1);
   int status;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
-  expect_messages("QMXUtil_ProcessKill", {});
   EXPECT_EQ(QMXUtil_ProcessKill(nullptr, child), 1) << "gone already";
-  expect_messages("QMXUtil_ProcessKill", {{1, "No such process ((null): " + std::to_string(child) +
-                                                  ") to kill! (Or... Zombie?)\n"}});
+  expect_messages("QMXUtil_ProcessKill",
+                  {"1 No such process ((null): " + pid + ") to kill! (Or... Zombie?)\n"});
 }
 
 TEST_F(ProcessTest, RunFindsTheProgramAndPassesItsArgumentWhole) {
   tools_.tool("show", "printf '%s:%s' $# \"$1\" >\"${0%/*}/seen\"; exit 9");
   int child = 0;
-  EXPECT_EQ(QMXUtil_ProcessRun("show", "one  'argument' $HOME", 1, &child), 1);
+  EXPECT_EQ(QMXUtil_ProcessRun("show", "one  'argument' $HOME", 1, nullptr), 1);
+  EXPECT_EQ(seen_by_tool(), "1:one  'argument' $HOME");
+  EXPECT_EQ(QMXUtil_ProcessRun("show", nullptr, 1, &child), 1);
   EXPECT_GT(child, 0);
-  EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:one  'argument' $HOME");
-  EXPECT_EQ(QMXUtil_ProcessRun("show", nullptr, 1, nullptr), 1);
-  EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "0:");
+  EXPECT_EQ(seen_by_tool(), "0:");
   EXPECT_EQ(QMXUtil_ProcessRun("show", nullptr, 0, &child), 1);
   EXPECT_EQ(waitpid(child, nullptr, 0), child);
   EXPECT_EQ(QMXUtil_ProcessRun(nullptr, "x", 1, &child), 0);
-  expect_messages("QMXUtil_ProcessRun", {{1, "NULL argument!\n"}});
+  expect_messages("QMXUtil_ProcessRun", {"1 NULL argument!\n"});
   if (!exec_failure_is_told()) return;
   child = -7;
   EXPECT_EQ(QMXUtil_ProcessRun("no-such-program", nullptr, 1, &child), 0);
   EXPECT_EQ(QMXUtil_ProcessRun("no-such-program", "x", 0, &child), 0);
   EXPECT_EQ(child, -7);
-  expect_messages("QMXUtil_ProcessRun", {{1, "Failed to run process (no-such-program (null))\n"},
-                                         {1, "Failed to run process (no-such-program x)\n"}});
+  expect_messages("QMXUtil_ProcessRun", {"1 Failed to run process (no-such-program (null))\n",
+                                         "1 Failed to run process (no-such-program x)\n"});
 }
 
 TEST_F(ProcessTest, ShellCommandsEndAsTabulated) {
+  using Texts = std::vector<std::string>;
   for (const auto& [command, code, messages] :
-       std::vector<std::tuple<const char*, int, std::vector<Message>>>{
-           {nullptr, -1, {{1, "Invalid command\n"}}},
-           {"", -1, {{1, "Invalid command\n"}}},
-           {"exit 0", 0, {}},
-           {"test \"$(echo a b | tr ' ' -)\" = a-b", 0, {}},
-           {"exit 3", 3, {{1, "Command exited with status 3\n"}}},
-           {"kill -9 $$", -1, {{1, "Command terminated by signal 9\n"}}},
-           {"no-such-command 2>/dev/null", 127, {{1, "Command exited with status 127\n"}}}}) {
+       {std::tuple{static_cast<const char*>(nullptr), -1, Texts{"1 Invalid command\n"}},
+        {"", -1, {"1 Invalid command\n"}},
+        {"test \"$(echo a b | tr ' ' -)\" = a-b", 0, {}},
+        {"exit 3", 3, {"1 Command exited with status 3\n"}},
+        {"kill -9 $$", -1, {"1 Command terminated by signal 9\n"}}}) {
     EXPECT_EQ(QMXUtil_ExecShell(command), code);
     expect_messages("QMXUtil_ExecShell", messages);
   }
@@ -210,29 +187,26 @@ TEST_F(ProcessTest, AShellThatCannotBeStartedIsTold) {
   recording().clear_traces();
 
   if (geteuid() != 0) return;  // the limit is a user's: become one that has too many processes already
-  rlimit processes;
-  getrlimit(RLIMIT_NPROC, &processes);
-  const rlimit none = {0, processes.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
-  ASSERT_EQ(setresuid(65534, 65534, 0), 0);
-  const int result = QMXUtil_ExecShell("exit 0");
-  ASSERT_EQ(setresuid(0, 0, 0), 0);
-  setrlimit(RLIMIT_NPROC, &processes);
-  EXPECT_EQ(result, -1);
-  expect_messages("QMXUtil_ExecShell", {{1, "vfork failed\n"}});
+  qmxtest::with_limit(RLIMIT_NPROC, [] {
+    ASSERT_EQ(setresuid(65534, 65534, 0), 0);
+    const int result = QMXUtil_ExecShell("exit 0");
+    ASSERT_EQ(setresuid(0, 0, 0), 0);
+    EXPECT_EQ(result, -1);
+  });
+  expect_messages("QMXUtil_ExecShell", {"1 vfork failed\n"});
 }
 
 TEST_F(ProcessTest, WaitingThatFailsIsTold) {
   signal(SIGCHLD, SIG_IGN);  // the system reaps: there is nothing to wait for
   EXPECT_EQ(QMXUtil_ExecShell("exit 0"), -1);
-  expect_messages("QMXUtil_ExecShell", {{1, "waitpid failed\n"}});
+  expect_messages("QMXUtil_ExecShell", {"1 waitpid failed\n"});
   EXPECT_EQ(QMXUtil_ProcessRunEx("/bin/true", nullptr, 1), -1);
   settle = true;
   EXPECT_EQ(QMXUtil_ProcessRunEx("/bin/true", nullptr, 0), -1);
   settle = false;
-  expect_messages("QMXUtil_ProcessRunEx", {{1, "waitpid failed\n"}, {1, "waitpid(WNOHANG) failed\n"}});
+  expect_messages("QMXUtil_ProcessRunEx", {"1 waitpid failed\n", "1 waitpid(WNOHANG) failed\n"});
   EXPECT_EQ(QMXUtil_ProcessRun("true", nullptr, 1, nullptr), 1);
-  expect_messages("QMXUtil_ProcessRun", {{1, "Process (true (null)) executed, but waiting failed\n"}});
+  expect_messages("QMXUtil_ProcessRun", {"1 Process (true (null)) executed, but waiting failed\n"});
   signal(SIGCHLD, SIG_DFL);
 }
 
@@ -240,18 +214,9 @@ TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
   for (const char* tool : {"pidof", "which"}) {
     tools_.tool(tool, "printf '%s:%s' $# \"$1\" >\"${0%/*}/seen\"; echo 123 45");
   }
-  std::vector<std::string> names = {"sh",
-                                    "",
-                                    "a b",
-                                    "*",
-                                    "x; touch pwned",
-                                    "$(touch pwned)",
-                                    "`touch pwned`",
-                                    "'; touch pwned; '",
-                                    "'",
-                                    "''''",
-                                    "a\nb",
-                                    std::string(200, '\'')};
+  std::vector<std::string> names = {
+      "",     "*",    "x; touch pwned",      "$(touch pwned)", "'; `touch pwned`; '",
+      "''''", "a\nb", std::string(200, '\'')};
   std::mt19937 random(7);
   for (int i = 0; i < 40; ++i) {
     std::string name(random() % 100, ' ');
@@ -261,43 +226,34 @@ TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
   for (const std::string& name : names) {
     const qmxtest::GuardedBytes text(name + std::string(1, '\0'));
     EXPECT_EQ(QMXUtil_ProcessPID(text.text()), 123);
-    EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:" + name.substr(0, 57));
+    EXPECT_EQ(seen_by_tool(), "1:" + name.substr(0, 57));
     EXPECT_EQ(QMXUtil_ProcessWhich(text.text()), 1);
-    EXPECT_EQ(qmxtest::read_file(tools_.dir().file("seen")), "1:" + name.substr(0, 25));
+    EXPECT_EQ(seen_by_tool(), "1:" + name.substr(0, 25));
   }
   EXPECT_FALSE(std::filesystem::exists("pwned"));
   expect_messages("", {});
 }
 
 TEST_F(ProcessTest, ToolsThatPrintNothingFindNothing) {
-  tools_.tool("pidof", "exit 0");
-  EXPECT_EQ(QMXUtil_ProcessPID("some"), 0);
-  EXPECT_EQ(QMXUtil_ProcessPID(nullptr), 0);
-  expect_messages("QMXUtil_ProcessPID", {{2, "some is not running\n"}, {1, "NULL argument!\n"}});
   EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 1);
-  tools_.tool("which", "exit 0");
-  EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 0);
-  EXPECT_EQ(QMXUtil_ProcessWhich(nullptr), 0);
-
-  rlimit descriptors;
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  const rlimit none = {0, descriptors.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &none);  // no pipe to be had
+  for (const char* tool : {"pidof", "which"}) tools_.tool(tool, "exit 0");
+  EXPECT_EQ(QMXUtil_ProcessWhich("sh") + QMXUtil_ProcessWhich(nullptr) + QMXUtil_ProcessPID(nullptr), 0);
   EXPECT_EQ(QMXUtil_ProcessPID("some"), 0);
-  EXPECT_EQ(QMXUtil_ProcessWhich("sh"), 0);
-  setrlimit(RLIMIT_NOFILE, &descriptors);
-  expect_messages("QMXUtil_ProcessPID", {{2, "some is not running\n"}});
+  qmxtest::with_limit(RLIMIT_NOFILE, [] {  // no pipe to be had
+    EXPECT_EQ(QMXUtil_ProcessPID("some") + QMXUtil_ProcessWhich("sh"), 0);
+  });
+  const std::string not_running = "2 some is not running\n";
+  expect_messages("QMXUtil_ProcessPID", {"1 NULL argument!\n", not_running, not_running});
 }
 
 TEST_F(ProcessTest, KillNeverReachesAGroup) {
   for (const int pid : {0, -1, -12345, INT_MIN}) {
+    const std::string number = std::to_string(pid);
+    tools_.tool("pidof", "echo " + number);
     EXPECT_EQ(QMXUtil_ProcessKill(nullptr, pid), 0);
-    expect_messages("QMXUtil_ProcessKill",
-                    {{1, "No such process ((null): " + std::to_string(pid) + ") to kill!\n"}});
-    tools_.tool("pidof", "echo " + std::to_string(pid));
     EXPECT_EQ(QMXUtil_ProcessKill("some", getpid()), 0) << "the name decides";
-    expect_messages("QMXUtil_ProcessKill",
-                    {{1, "No such process (some: " + std::to_string(pid) + ") to kill!\n"}});
+    expect_messages("QMXUtil_ProcessKill", {"1 No such process ((null): " + number + ") to kill!\n",
+                                            "1 No such process (some: " + number + ") to kill!\n"});
   }
   tools_.tool("pidof", "echo 4294967297");  // no process id: must not become another one's
   EXPECT_EQ(QMXUtil_ProcessKill("some", 0), 0);
@@ -308,8 +264,7 @@ TEST_F(ProcessTest, KillTriesTenTimesWhenItIsNotAllowedTo) {
   EXPECT_EQ(QMXUtil_ProcessKill(nullptr, getpid()), 0);
   EXPECT_EQ(refused_kills, 10);
   EXPECT_EQ(recording().calls_of("ThreadSleep 100").size(), 10u);
-  expect_messages("QMXUtil_ProcessKill",
-                  {{1, "Failed to kill ((null): " + std::to_string(getpid()) + ")\n"}});
+  expect_messages("QMXUtil_ProcessKill", {"1 Failed to kill ((null): " + std::to_string(getpid()) + ")\n"});
 }
 
 TEST_F(ProcessTest, SignalsDoNotEndAWait) {

@@ -1,6 +1,7 @@
 // Shell scripts that stand in for the system's tools: first on the search path for the duration of a test.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -25,15 +26,22 @@ class ReplacementTools {
     chmod(path.c_str(), 0755);
     return path;
   }
-  // A tool that prints the content of a file in this folder, to be written with dir().write().
-  std::string printer(const std::string& name, const std::string& file) const {
-    return tool(name, "exec /bin/cat '" + dir_.file(file) + "'");
-  }
   const TempDir& dir() const { return dir_; }
 
  private:
   TempDir dir_;
   std::string old_path_;
 };
+
+// Calls it while the process may have none of a resource.
+template <class F>
+void with_limit(__rlimit_resource resource, F call) {
+  rlimit usual;
+  getrlimit(resource, &usual);
+  const rlimit none = {0, usual.rlim_max};
+  setrlimit(resource, &none);
+  call();
+  setrlimit(resource, &usual);
+}
 
 }  // namespace qmxtest
