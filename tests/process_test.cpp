@@ -1,6 +1,7 @@
 // Process control: real children, and tools of our own in place of pidof and which.
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
