@@ -10,9 +10,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <random>
 
@@ -39,19 +39,16 @@ int run_in_child(const std::function<int()>& work) {
 }
 
 TEST(PlatformMemory, ClearsWhatIsToBeClearAndRefusesWhatDoesNotFit) {
-  const auto allocate = STAND_IN(QMX_Malloc);
-  const auto allocate_array = STAND_IN(QMX_Calloc);
-  const auto release = STAND_IN(QMX_Free);
   for (uint32_t size : {1u, 24u, 1000u, 200000u}) {
-    void* dirty = allocate(size, 0, QMX_FILL_NONE, __FILE__, __LINE__, __func__);
-    std::memset(dirty, 0xA5, size);
-    release(dirty, 0);
-    const auto* block = static_cast<uint8_t*>(allocate(size, 0, QMX_FILL_ZERO, __FILE__, __LINE__, __func__));
-    EXPECT_EQ(std::count(block, block + size, 0), size);
-    release(const_cast<uint8_t*>(block), 0);
+    for (const int fill : {QMX_FILL_NONE, QMX_FILL_ZERO}) {
+      auto* block = static_cast<uint8_t*>(STAND_IN(QMX_Malloc)(size, 0, fill, "", 0, ""));
+      EXPECT_TRUE(fill == QMX_FILL_NONE || std::count(block, block + size, 0) == size) << size;
+      std::memset(block, 0xA5, size);
+      STAND_IN(QMX_Free)(block, 0);
+    }
   }
   for (const auto& [count, size] : {std::pair{65536, 65536}, {INT32_MAX, INT32_MAX}, {-1, 8}, {8, -1}}) {
-    EXPECT_EQ(allocate_array(count, size, 0, __FILE__, __LINE__, __func__), nullptr) << count;
+    EXPECT_EQ(STAND_IN(QMX_Calloc)(count, size, 0, "", 0, ""), nullptr) << count;
   }
 }
 
@@ -147,32 +144,27 @@ TEST(PlatformBytes, ReadAsAStringThatZerosFollow) {
 
 TEST(PlatformLists, KeepTheirOrderWhicheverNodeGoes) {
   QMXList* list = QMX_ListCreate();
-  int values[5];
-  QMXListNode* nodes[5];
-  for (int i = 0; i < 5; ++i) {
-    nodes[i] = QMX_List_Node_new();
-    EXPECT_EQ(nodes[i]->data, nullptr);
-    nodes[i]->data = &values[i];
-    QMX_ListAddTail(list, nodes[i]);
-  }
-  const auto order = [&] {
-    std::string text;
-    for (QMXListNode* n = QMX_ListGetHead(list); n != nullptr; n = QMX_ListGetNext(list, n)) {
-      text += static_cast<char>('0' + (static_cast<int*>(n->data) - values));
+  std::vector<QMXListNode*> model;
+  std::mt19937 random(4);
+  for (int step = 0; step < 2000; ++step) {
+    if (model.empty() || (step < 1900 && random() % 2 == 0)) {
+      model.push_back(QMX_List_Node_new());
+      ASSERT_EQ(model.back()->data, nullptr);
+      QMX_ListAddTail(list, model.back());
+    } else {
+      const auto gone = model.begin() + static_cast<ptrdiff_t>(random() % model.size());
+      QMX_ListDel(list, *gone);
+      QMX_List_Node_delete(*gone);
+      model.erase(gone);
     }
-    return text;
-  };
-  EXPECT_EQ(order(), "01234");
-  const std::pair<int, const char*> left_after[] = {{2, "0134"}, {0, "134"}, {4, "13"}};
-  for (const auto& [gone, left] : left_after) {
-    QMX_ListDel(list, nodes[gone]);
-    EXPECT_EQ(order(), left);
+    std::vector<QMXListNode*> seen;
+    for (auto* n = QMX_ListGetHead(list); n != nullptr; n = QMX_ListGetNext(list, n)) seen.push_back(n);
+    ASSERT_EQ(seen, model);
   }
-  QMX_ListAddTail(list, nodes[0]);
-  EXPECT_EQ(order(), "130");
-  for (const int i : {3, 0, 1}) QMX_ListDel(list, nodes[i]);
-  EXPECT_EQ(order(), "");
-  for (QMXListNode* node : nodes) QMX_List_Node_delete(node);
+  for (QMXListNode* node : model) {
+    QMX_ListDel(list, node);
+    QMX_List_Node_delete(node);
+  }
   QMX_ListDestroy(list);
 }
 
@@ -194,8 +186,12 @@ TEST(PlatformFiles, EachModeOpensAndLeavesWhatItSays) {
     EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(QMX_FileWrite(stream, "XY", 2) == 2, c.mode != QMX_FILE_READ);
     EXPECT_EQ(read_file(path), c.after_writing) << "when the write returns";
-    QMX_FileSync(stream);
-    QMX_FileClose(stream);
+    if (c.mode == QMX_FILE_UPDATE) {
+      EXPECT_EQ(QMX_FileSeek(stream, 0, 0), 0);
+      EXPECT_EQ(QMX_FileWrite(stream, "XY", 2), 2);
+    }
+    EXPECT_EQ(QMX_FileSync(stream), 0);
+    EXPECT_EQ(QMX_FileClose(stream), 0);
     EXPECT_EQ(read_file(path), c.after_writing);
 
     stream = QMX_FileOpen(missing.c_str(), c.mode);
@@ -209,11 +205,6 @@ TEST(PlatformFiles, EachModeOpensAndLeavesWhatItSays) {
     EXPECT_EQ(QMX_FileOpen(path.c_str(), mode), nullptr);
     EXPECT_EQ(errno, EINVAL);
   }
-  FILE* stream = QMX_FileOpen(path.c_str(), QMX_FILE_UPDATE);
-  EXPECT_EQ(QMX_FileSeek(stream, 4, 0), 0);
-  EXPECT_EQ(QMX_FileWrite(stream, "TE", 2), 2);
-  EXPECT_EQ(QMX_FileClose(stream), 0);
-  EXPECT_EQ(read_file(path), "old TExt");
 }
 
 TEST(PlatformFiles, ReadSeekAndTellFollowAString) {
@@ -252,15 +243,10 @@ TEST(PlatformFiles, WhatIsWrittenBecomesTheWholeFile) {
       {"", [](FILE*) {}},
       {"", [](FILE* stream) { QMX_FileWrite(stream, "x", 0); }},
       {"line\n", [](FILE* stream) { fputs("line\n", stream); }},
-      {"abc",
-       [](FILE* stream) {
-         QMX_FileWrite(stream, "a", 1);
-         fputs("b", stream);
-         QMX_FileWrite(stream, "c", 1);
-       }},
       {"a line", [](FILE* stream) {
          fputs("a ", stream);
-         QMX_FileWrite(stream, "line", 4);
+         QMX_FileWrite(stream, "li", 2);
+         fputs("ne", stream);
        }}};
   for (const auto& [content, write] : cases) {
     const std::string path = dir.write("file", "a much longer old text");
@@ -287,15 +273,15 @@ TEST(PlatformFiles, AFullDiskLeavesTheOldText) {
     const rlimit limit = {5000, 5000};
     setrlimit(RLIMIT_FSIZE, &limit);
     FILE* stream = QMX_FileOpen(path.c_str(), QMX_FILE_REPLACE);
-    if (QMX_FileWrite(stream, longer.data(), 9000) == 9000 || errno != EFBIG) return 1;
-    if (read_file(path) != old) return 2;
+    if (QMX_FileWrite(stream, longer.data(), 9000) == 9000 || errno != EFBIG || read_file(path) != old)
+      return 1;
     QMX_FileClose(stream);
-    if (read_file(path) != old) return 3;
+    if (read_file(path) != old) return 2;
     stream = QMX_FileOpen(path.c_str(), QMX_FILE_REPLACE);
     QMX_FileWrite(stream, longer.data(), 9000);
     const int64_t shorter = QMX_FileWrite(stream, longer.data(), 1000);  // tried again with less
     QMX_FileClose(stream);
-    return shorter == 1000 && read_file(path) == longer.substr(0, 1000) ? 0 : 4;
+    return shorter == 1000 && read_file(path) == longer.substr(0, 1000) ? 0 : 3;
   });
   EXPECT_EQ(result, 0);
 }
@@ -307,10 +293,8 @@ TEST(PlatformFiles, AThirdProcessWithTheLockSeesWholeTextsOnly) {
     return !text.empty() && text.find_first_not_of(text[0]) == text.npos &&
            text.size() == 1 + 4000u * static_cast<size_t>(text[0] - '0');
   };
-  std::vector<pid_t> writers;
   for (int writer = 0; writer < 2; ++writer) {
-    writers.push_back(fork());
-    if (writers.back() != 0) continue;
+    if (fork() != 0) continue;
     for (int i = 0; i < 500; ++i) {
       const int length = (i * 7 + writer) % 4;
       const std::string text(1 + 4000u * static_cast<size_t>(length), static_cast<char>('0' + length));
@@ -323,7 +307,7 @@ TEST(PlatformFiles, AThirdProcessWithTheLockSeesWholeTextsOnly) {
     _exit(0);
   }
   int torn = 0, seen = 0;
-  for (size_t gone = 0; gone < writers.size(); ++seen) {
+  for (int gone = 0; gone < 2; ++seen) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     flock(fd, LOCK_SH);
     torn += !is_whole(read_file(path));
@@ -337,11 +321,9 @@ TEST(PlatformSleep, OutlastsSignals) {
   signal(SIGALRM, [](int) {});
   const itimerval often = {{0, 2000}, {0, 2000}};
   setitimer(ITIMER_REAL, &often, nullptr);
-  timespec before, after;
-  clock_gettime(CLOCK_MONOTONIC, &before);
+  const auto before = std::chrono::steady_clock::now();
   QMX_ThreadSleep(60);
-  clock_gettime(CLOCK_MONOTONIC, &after);
-  EXPECT_GE((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 59);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(59));
   const itimerval never = {};
   setitimer(ITIMER_REAL, &never, nullptr);
   QMX_ThreadSleep(0);
@@ -377,8 +359,7 @@ TEST(PlatformTrace, IsOneWriteAMessageFilteredByModuleAndLevel) {
              for (int level = 1; level <= 3; ++level) trace(module, level, "f.cpp", 7, "func", "text\n");
            }
          })) {
-      levels += text.substr(0, 3);
-      levels += ' ';
+      levels += text.substr(0, 3) + ' ';
     }
     return levels;
   };
