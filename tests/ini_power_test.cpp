@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -51,10 +51,8 @@ INIHandle* changed(const string& path, int fixed, int value_length) {
 
 int commit_on_full_disk(const string& folder) {
   const string path = folder + "/a.ini";
-  const auto store = [&](const string& content) {
-    FILE* const file = std::fopen(path.c_str(), "w");
-    std::fwrite(content.data(), 1, content.size(), file);
-    std::fclose(file);
+  const auto store = [&](const string& content, const char* name = "/a.ini") {
+    std::ofstream(folder + name) << content;
   };
   const string old = text_of(2000), padded = old + string(4096 - old.size(), '\0');
 
@@ -65,9 +63,7 @@ int commit_on_full_disk(const string& folder) {
   QMXUtil_INIClose(changed(path, 4096, 9000));
   CHECK_OR_RETURN(read_file(path) == padded);
 
-  FILE* const filler = std::fopen((folder + "/filler").c_str(), "w");
-  std::fwrite(string(4096, 'f').data(), 1, 4096, filler);
-  std::fclose(filler);
+  store(string(4096, 'f'), "/filler");
   QMXUtil_INIClose(changed(path, 4096, 3000));  // within its size it needs no room
   CHECK_OR_RETURN(read_file(path) == text_of(3000) + string(4096 - text_of(3000).size(), '\0'));
   std::filesystem::remove(folder + "/filler");
@@ -96,13 +92,13 @@ TEST(IniPowerTest, ATinyFileSystemThatIsFullLosesNothing) {
 
 TEST(IniPowerTest, ALimitOnTheSizeOfFilesLosesNothing) {
   const qmxtest::TempDir dir;
-  EXPECT_EQ(run_in_child([&] {
-              signal(SIGXFSZ, SIG_IGN);
-              const rlimit limit = {8192, 8192};
-              setrlimit(RLIMIT_FSIZE, &limit);
-              return commit_on_full_disk(dir.path());
-            }),
-            0);
+  const int result = run_in_child([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {8192, 8192};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return commit_on_full_disk(dir.path());
+  });
+  EXPECT_EQ(result, 0);
 }
 
 // ---- Killed
@@ -148,12 +144,8 @@ TEST(IniPowerTest, AProcessKilledInACommitLeavesTheOldTextOrTheNewOne) {
         INIHandle* const handle = QMXUtil_INIOpen(path.c_str());
         ASSERT_NE(handle, nullptr);
         const string text = handle->text;
-        if (fixed != 0 &&
-            new_length < 100) {  // lines of the old text may follow until the padding is written
-          EXPECT_TRUE(text == old || text.starts_with(wanted)) << calls << text;
-        } else {
-          EXPECT_TRUE(text == old || text == wanted) << calls << text;
-        }
+        const bool may_trail = fixed != 0 && new_length < 100;  // the old text, until the padding is written
+        EXPECT_TRUE(text == old || (may_trail ? text.starts_with(wanted) : text == wanted)) << calls << text;
         EXPECT_GE(handle->fileSize, fixed);
         seen_old += text == old;
         seen_new += text == wanted;
