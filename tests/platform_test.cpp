@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -263,27 +262,6 @@ TEST(PlatformFiles, WhatIsWrittenBecomesTheWholeFile) {
   dir.write("file", "the other's text");
   QMX_FileClose(stream);
   EXPECT_EQ(read_file(path), "the other's text");
-}
-
-TEST(PlatformFiles, AFullDiskLeavesTheOldText) {
-  const TempDir dir;
-  const std::string old(3000, 'o'), path = dir.write("file", old), longer(9000, 'n');
-  const int result = run_in_child([&] {
-    signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {5000, 5000};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    FILE* stream = QMX_FileOpen(path.c_str(), QMX_FILE_REPLACE);
-    if (QMX_FileWrite(stream, longer.data(), 9000) == 9000 || errno != EFBIG || read_file(path) != old)
-      return 1;
-    QMX_FileClose(stream);
-    if (read_file(path) != old) return 2;
-    stream = QMX_FileOpen(path.c_str(), QMX_FILE_REPLACE);
-    QMX_FileWrite(stream, longer.data(), 9000);
-    const int64_t shorter = QMX_FileWrite(stream, longer.data(), 1000);  // tried again with less
-    QMX_FileClose(stream);
-    return shorter == 1000 && read_file(path) == longer.substr(0, 1000) ? 0 : 3;
-  });
-  EXPECT_EQ(result, 0);
 }
 
 TEST(PlatformFiles, AThirdProcessWithTheLockSeesWholeTextsOnly) {

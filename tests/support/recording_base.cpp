@@ -28,7 +28,6 @@ namespace {
 struct TraceSlot {
   std::atomic<bool> ready;
   int level;
-  int line;
   char module[32];
   char file[48];
   char function[64];
@@ -65,6 +64,12 @@ State& state() {
   return *instance;
 }
 
+// The state, locked for one expression.
+struct Locked {
+  std::lock_guard<std::mutex> hold{state().lock};
+  State* operator->() const { return &state(); }
+};
+
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char* text, ...) {
   char buffer[600];
@@ -75,10 +80,7 @@ std::string format(const char* text, ...) {
   return buffer;
 }
 
-void record(std::string call) {
-  std::lock_guard hold(state().lock);
-  state().calls.push_back(std::move(call));
-}
+void record(std::string call) { Locked()->calls.push_back(std::move(call)); }
 
 bool must_fail(Op op) {
   State& s = state();
@@ -184,7 +186,7 @@ std::vector<Trace> RecordingBase::traces() const {
   for (size_t i = 0; i < count; ++i) {
     const TraceSlot& slot = trace_slots[i];
     if (!slot.ready.load(std::memory_order_acquire)) continue;
-    all.push_back({slot.module, slot.level, slot.file, slot.function, slot.format, slot.text, slot.line});
+    all.push_back({slot.module, slot.level, slot.file, slot.function, slot.format, slot.text});
   }
   return all;
 }
@@ -200,10 +202,7 @@ void RecordingBase::clear_traces() {
   for (size_t i = 0; i < used; ++i) trace_slots[i].ready.store(false);
 }
 
-std::vector<std::string> RecordingBase::calls() const {
-  std::lock_guard hold(state().lock);
-  return state().calls;
-}
+std::vector<std::string> RecordingBase::calls() const { return Locked()->calls; }
 
 std::vector<std::string> RecordingBase::calls_of(const std::string& prefix) const {
   std::vector<std::string> chosen;
@@ -213,14 +212,10 @@ std::vector<std::string> RecordingBase::calls_of(const std::string& prefix) cons
   return chosen;
 }
 
-void RecordingBase::clear_calls() {
-  std::lock_guard hold(state().lock);
-  state().calls.clear();
-}
+void RecordingBase::clear_calls() { Locked()->calls.clear(); }
 
 void RecordingBase::fail(Op op, int n, bool later_ones_too) {
-  std::lock_guard hold(state().lock);
-  state().failing[static_cast<size_t>(op)] = {n, later_ones_too};
+  Locked()->failing[static_cast<size_t>(op)] = {n, later_ones_too};
 }
 
 void RecordingBase::fail_any(int n) {
@@ -229,10 +224,7 @@ void RecordingBase::fail_any(int n) {
   state().fired = false;
 }
 
-bool RecordingBase::fired() const {
-  std::lock_guard hold(state().lock);
-  return state().fired;
-}
+bool RecordingBase::fired() const { return Locked()->fired; }
 
 void RecordingBase::stop_failing() {
   std::lock_guard hold(state().lock);
@@ -240,10 +232,7 @@ void RecordingBase::stop_failing() {
   state().fail_any = 0;
 }
 
-void RecordingBase::use_guard_pages(bool on) {
-  std::lock_guard hold(state().lock);
-  state().guard_pages = on;
-}
+void RecordingBase::use_guard_pages(bool on) { Locked()->guard_pages = on; }
 
 int RecordingBase::held() const {
   std::lock_guard hold(state().lock);
@@ -305,14 +294,13 @@ GuardedBytes::~GuardedBytes() { munmap(map_, map_size_); }
 
 using namespace qmxtest;  // NOLINT: the definitions below are the recording base library itself
 
-void QMX_Trace(const char* module, int level, const char* sourceFile, int line, const char* function,
+void QMX_Trace(const char* module, int level, const char* sourceFile, int, const char* function,
                const char* text, ...) {
   const int saved_errno = errno;
   const size_t index = trace_count.fetch_add(1);
   if (index < trace_slots.size()) {
     TraceSlot& slot = trace_slots[index];
     slot.level = level;
-    slot.line = line;
     std::snprintf(slot.module, sizeof slot.module, "%s", module);
     std::snprintf(slot.file, sizeof slot.file, "%s", sourceFile);
     std::snprintf(slot.function, sizeof slot.function, "%s", function);

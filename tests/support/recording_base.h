@@ -22,7 +22,6 @@ struct Trace {
   std::string function;
   std::string format;
   std::string text;  // formatted
-  int line = 0;
 };
 
 // Calls that can be made to fail. A failing call does nothing and gives null or -1; a failing write is one
