@@ -239,8 +239,9 @@ TEST_F(IniTest, RandomFilesReadSearchAndWriteAsTheModelDoes) {
 }
 
 TEST_F(IniTest, StatedExamplesOfWriting) {
+  const string xs(62, 'x');
   const struct {
-    const char *text, *key, *value, *expected;
+    string text, key, value, expected;
   } cases[] = {
       {"Volume = 3\nmute=0\n", "volume", "7", "Volume = 7\nmute=0\n"},
       {"a=1\nb =  2   \n\n   c=3\n", "b", "9", "a=1\nb =  9\n\nc=3\n"},
@@ -252,10 +253,12 @@ TEST_F(IniTest, StatedExamplesOfWriting) {
       {"; a = 5\na = 1\n", "a", "2", "; a = 2\na = 1\n"},  // a comment is changed at its own '='
       {"a = #fff\nb = 1\n", "a", "#000", "a = #000\nb = 1\n"},
       {"a \nb = 1\n", "a", "2", "a \nb = 2\n"},  // the next '=' there is
+      {xs + "a=1\n", "a", "2", xs + "a=2\n"},    // the key and the sign behind it within 64 characters
+      {xs + "xa=1\n", "a", "2", xs + "xa=1\na = 2\n"},
   };
   for (const auto& c : cases) {
     INIHandle* const handle = open(c.text);
-    EXPECT_EQ(QMXUtil_INIWrite(handle, c.key, c.value), 1) << c.text;
+    EXPECT_EQ(QMXUtil_INIWrite(handle, c.key.c_str(), c.value.c_str()), 1) << c.text;
     QMXUtil_INIClose(handle);
     EXPECT_EQ(read_file(path), c.expected);
   }
