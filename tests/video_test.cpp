@@ -171,10 +171,8 @@ TEST_F(VideoTest, H264SpsOfAllKinds) {
     want_size.width = (bits.ue(value(below(17))) + 1) * 16;
     want_size.height = (bits.ue(value(below(17))) + 1) * 16;
     const GuardedBytes sps(bits.bytes), cut(some_of(bits.bytes));
-    EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), chance(9) ? nullptr : &size, nullptr), 1);
     EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), nullptr, &profile), 1);
-    EXPECT_TRUE(equal(profile, want)) << "profile_idc " << want.profile << " case " << i;
-    EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), &size, &profile), 1);
+    EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), &size, nullptr), 1);
     EXPECT_TRUE(equal(size, want_size) && equal(profile, want)) << want.profile << " case " << i;
     EXPECT_EQ(UtilGetSPSPPSInfo(cut.data(), cut.size(), &size, &profile), 1);
   }
@@ -210,15 +208,14 @@ TEST_F(VideoTest, HeadsOfConfigurationRecords) {
 
   for (const bool known : {true, false}) {
     const GuardedBytes config((known ? "\1" : "\2") + hex("A1 60 00 00 00 90 00 00 00 00 00 5D"));
-    VideoInfo info = marked<VideoInfo>(), want = info;
-    want.profile = known ? 1 : 0, want.level = known ? 93 : 0;
+    VideoInfo info = {};
     EXPECT_EQ(QMXUtil_GetH265Info(config.data(), config.size(), &info, nullptr), 1);
-    EXPECT_TRUE(equal(info, want));
-    H265ParamSetInfo head = marked<H265ParamSetInfo>(), want_head = head;
-    H265ProfileTierLevel& ptl = want_head.vpsProfileTierLevel;
+    EXPECT_EQ(info.profile * 1000 + info.level, known ? 1093u : 0u);
+    H265ParamSetInfo head = marked<H265ParamSetInfo>(), want = head;
+    H265ProfileTierLevel& ptl = want.vpsProfileTierLevel;
     if (known) ptl.general_profile_space = 0xA1, ptl.general_profile_idc = 1, ptl.general_level_idc = 93;
     EXPECT_EQ(UtilConvH265Info(config.data(), config.size(), &head), 0);
-    EXPECT_TRUE(equal(head, want_head));
+    EXPECT_TRUE(equal(head, want));
   }
 }
 
@@ -510,11 +507,11 @@ TEST_F(VideoTest, SamplesGetStartCodes) {
       ASSERT_EQ(text_of(sample.data(), cut), want);
     }
   }
-  const GuardedBytes huge(hex("FF FF FF FF 01 02 03 04 05"));
-  for (const int32_t length : {9, -1}) UtilConvH264FrameToStartCode(huge.data(), length);
-  EXPECT_EQ(text_of(huge.data(), 9), hex("00 00 00 01 01 02 03 04 05"));
-  UtilConvH264FrameToStartCode(huge.data() + 5, -1);
-  EXPECT_EQ(text_of(huge.data() + 5, 4), hex("02 03 04 05"));
+  const GuardedBytes huge(hex("FF FF FF FF 01"));
+  UtilConvH264FrameToStartCode(huge.data(), -1);
+  EXPECT_EQ(huge.data()[0], 0xFF);
+  UtilConvH264FrameToStartCode(huge.data(), 5);
+  EXPECT_EQ(text_of(huge.data(), 5), hex("00 00 00 01 01"));
 }
 
 // ---- MPEG-1/2 and MPEG-4
