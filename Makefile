@@ -44,6 +44,7 @@ valgrind:
 
 docs:
 	@scripts/install-packages.sh docs
+	@mkdir -p build/docs
 	@doxygen docs/Doxyfile
 
 package:
