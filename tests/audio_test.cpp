@@ -23,10 +23,12 @@ bool model_accepts(uint32_t h) {
          (h & 0xF000) != 0xF000 && (h & 0xC00) != 0xC00;
 }
 uint32_t model_frame_length(uint32_t h) {
-  static const uint32_t kbps_1[] = {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320};
-  static const uint32_t kbps_2[] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
+  static const uint32_t bit_rates[2][16] = {
+      {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160},
+      {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320},
+  };
   static const uint32_t base_rate[] = {44100, 48000, 32000};
-  const uint32_t version = h >> 19 & 3, kbps = (version == 3 ? kbps_1 : kbps_2)[h >> 12 & 15];
+  const uint32_t version = h >> 19 & 3, kbps = bit_rates[version == 3][h >> 12 & 15];
   const uint32_t rate = base_rate[h >> 10 & 3] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
   return (version == 3 ? 144000 : 72000) * kbps / rate + (h >> 9 & 1);
 }
