@@ -8,7 +8,9 @@
 // 2. The handler may have stopped its thread inside malloc, with the heap's lock held, and now waits for
 //    gTimerLock. Whoever holds that must not want the heap's lock. So outside the handler nothing happens
 //    under it but system calls and a few stores: records are allocated and released, and messages traced,
-//    without it, and so are timers created and deleted, for which older C libraries use the heap.
+//    without it, and so are timers created and deleted, for which older C libraries use the heap. A new timer
+//    becomes known to the handler by one atomic exchange, which needs no lock either: blocking a signal and
+//    putting the mask back cost as much as a quarter of a timer's whole life.
 // 3. A signal's value is a hint, not a pointer to follow. The handler looks the address up among the live
 //    timers, comparing addresses only; what it does not find there is the late signal of a dead timer, or
 //    rubbish. An address that is found can still be a new timer's while the signal was its predecessor's; so
@@ -22,6 +24,7 @@
 #include <signal.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <limits>
@@ -44,6 +47,7 @@ constexpr int64_t kNsPerMs = 1'000'000;
 constinit int gTimerAction = 0;  // 1 once the handler is installed
 constinit pthread_mutex_t gTimerLock = PTHREAD_MUTEX_INITIALIZER;
 constinit struct sigaction gTimerSigact = {};
+constinit std::atomic<bool> idle = false;  // the handler is in force and no callback runs: no need to wait
 constinit int forks = 0;  // from the process of the first timer to this one; changes before fork() returns
 
 int timer_signal() { return SIGRTMIN + 4; }  // SIGRTMIN is the C library's to choose, at run time
@@ -74,47 +78,65 @@ class TimerLock {
   TimerLock& operator=(const TimerLock&) = delete;
 };
 
-// --- The live timers, under gTimerLock: chains through the records themselves, found by address.
+// --- The live timers: chains through the records themselves, found by address. A timer joins at the front of
+// its chain at any time; who looks along a chain or takes a timer out holds gTimerLock.
 
 constexpr size_t kChainBits = 9;
-constinit TimerHandle* live_timers[1 << kChainBits] = {};
+using Chain = std::atomic<TimerHandle*>;
+constinit Chain live_timers[1 << kChainBits] = {};
 
-TimerHandle*& chain_of(const TimerHandle* timer) {
+Chain& chain_of(const TimerHandle* timer) {
   constexpr uint64_t kGoldenRatio = 0x9E3779B97F4A7C15;  // spreads addresses, whatever their alignment
   return live_timers[reinterpret_cast<uintptr_t>(timer) * kGoldenRatio >> (64 - kChainBits)];
 }
 
-// The link that leads to this timer, or the null one at the end of its chain. Never looks behind `timer`.
-TimerHandle*& link_to(const TimerHandle* timer) {
-  TimerHandle** link = &chain_of(timer);
-  while (*link != nullptr && *link != timer) link = &(*link)->reservedNext;
-  return *link;
-}
-
 void add_live(TimerHandle& timer) {
-  TimerHandle*& chain = chain_of(&timer);
-  timer.reservedNext = chain;
-  chain = &timer;
+  Chain& chain = chain_of(&timer);
+  timer.reservedNext = chain.load(std::memory_order_relaxed);
+  while (!chain.compare_exchange_weak(timer.reservedNext, &timer, std::memory_order_release,
+                                      std::memory_order_relaxed)) {
+  }
 }
 
-bool remove_live(const TimerHandle* timer) {
-  TimerHandle*& link = link_to(timer);
-  if (link == nullptr) return false;
-  link = link->reservedNext;
+// The timer at this address, null when there is none. Never looks behind an address that is none.
+TimerHandle* find_live(const TimerHandle* address) {
+  TimerHandle* timer = chain_of(address).load(std::memory_order_acquire);
+  while (timer != nullptr && timer != address) timer = timer->reservedNext;
+  return timer;
+}
+
+bool remove_live(const TimerHandle* address) {
+  if (find_live(address) == nullptr) return false;
+  TimerHandle* before = const_cast<TimerHandle*>(address);
+  if (chain_of(address).compare_exchange_strong(before, address->reservedNext, std::memory_order_acquire)) {
+    return true;  // it was the first
+  }
+  while (before->reservedNext != address) before = before->reservedNext;
+  before->reservedNext = address->reservedNext;
   return true;
 }
 
 // --- Creating
 
-// True the first time in the process.
-bool install_handler() {
+// Waits for a callback that runs; in the process's first call installs the handler, and is true.
+bool wait_or_install() {
+  const TimerSignalBlock block;
   const TimerLock lock;
   if (!__sync_bool_compare_and_swap(&gTimerAction, 0, 1)) return false;  // a full memory barrier, too
   gTimerSigact.sa_sigaction = qmxutil_timer_handler;
   gTimerSigact.sa_flags = SA_SIGINFO | SA_RESTART;
   sigemptyset(&gTimerSigact.sa_mask);
   sigaction(timer_signal(), &gTimerSigact, nullptr);
+  idle.store(true, std::memory_order_release);
   return true;
+}
+
+// Takes a timer from the handler: its callback does not run, nor will it again. False when there is none
+// here.
+bool retire(const TimerHandle* address) {
+  const TimerSignalBlock block;
+  const TimerLock lock;
+  return remove_live(address);
 }
 
 int64_t monotonic_ns() {
@@ -131,17 +153,19 @@ bool create_posix_timer(TimerHandle& timer) {
   return timer_create(CLOCK_MONOTONIC, &event, &timer.timerId) == 0;
 }
 
-// Starts the timer and makes it known to the handler. False, with errno set, leaves it unknown.
+// Makes the timer known to the handler and starts it. False, with errno set, leaves it unknown.
 bool arm(TimerHandle& timer, int msec) {
   const timespec delay = {msec / 1000, msec % 1000 * kNsPerMs};
   const itimerspec spec = {timer.periodic != 0 ? delay : timespec{}, delay};
-  const TimerLock lock;
   // The clock is read before the kernel reads it: no signal of this timer can come before it is due.
-  timer.reservedDueNs = msec == 0 ? kNever : monotonic_ns() + msec * kNsPerMs;
+  timer.reservedDueNs = msec > 0 ? monotonic_ns() + msec * kNsPerMs : kNever;
   timer.reservedIntervalNs = timer.periodic != 0 ? msec * kNsPerMs : 0;
-  if (timer_settime(timer.timerId, 0, &spec, nullptr) != 0) return false;
   add_live(timer);
-  return true;
+  if (timer_settime(timer.timerId, 0, &spec, nullptr) == 0) return true;
+  const int error = errno;
+  retire(&timer);
+  errno = error;
+  return false;
 }
 
 // --- Expiring
@@ -162,10 +186,13 @@ bool is_due(TimerHandle& timer, const siginfo_t& info, int64_t now) {
 bool expire(const TimerHandle* address, const siginfo_t& info) {
   const int64_t now = monotonic_ns();  // before waiting for the lock: a late signal does not age there
   const TimerLock lock;
-  TimerHandle* const timer = link_to(address);
+  TimerHandle* const timer = find_live(address);
   if (timer == nullptr || !is_due(*timer, info, now)) return true;
   if (timer->callback == nullptr) return false;
-  if (timer->callback(timer->arg) != 0 && timer->periodic != 0) {
+  idle.store(false, std::memory_order_relaxed);
+  const int result = timer->callback(timer->arg);
+  idle.store(true, std::memory_order_release);
+  if (result != 0 && timer->periodic != 0) {
     timer->reservedEnded = 1;
     const itimerspec disarmed = {};
     timer_settime(timer->timerId, 0, &disarmed, nullptr);
@@ -188,8 +215,9 @@ void qmxutil_timer_handler(int sig, siginfo_t* info, void*) {
 }
 
 TimerHandle* QMXUtil_TimerNew(int msec, uint8_t periodic, TimerCallback callback, void* arg) {
-  const TimerSignalBlock block;
-  if (install_handler()) pthread_atfork(nullptr, nullptr, [] { ++forks; });  // may allocate: without the lock
+  if (!idle.load(std::memory_order_acquire) && wait_or_install()) {
+    pthread_atfork(nullptr, nullptr, [] { ++forks; });
+  }
   qmxutil::Block<TimerHandle> timer(static_cast<TimerHandle*>(
       QMX_Calloc(1, sizeof(TimerHandle), QMX_FILL_ZERO, __FILE_NAME__, __LINE__, __func__)));
   if (timer == nullptr) return nullptr;
@@ -210,17 +238,9 @@ TimerHandle* QMXUtil_TimerNew(int msec, uint8_t periodic, TimerCallback callback
 }
 
 int QMXUtil_TimerFree(TimerHandle* timer) {
-  if (timer == nullptr) return 0;
-  const TimerSignalBlock block;
-  bool live;
-  {
-    const TimerLock lock;
-    live = remove_live(timer);
-  }
-  if (live) {
-    // In the child of a fork() the number of an inherited timer is nobody's, or one of the child's own.
-    if (timer->reservedForks == forks) timer_delete(timer->timerId);
-    QMX_Free(timer, 0);
-  }
+  if (timer == nullptr || !retire(timer)) return 0;
+  // In the child of a fork() the number of an inherited timer is nobody's, or one of the child's own.
+  if (timer->reservedForks == forks) timer_delete(timer->timerId);
+  QMX_Free(timer, 0);
   return 0;
 }

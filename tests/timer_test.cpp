@@ -8,9 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -153,12 +155,13 @@ TEST_F(TimerTest, FailuresAreTracedLeaveNothingAndKeepTheMask) {
   std::vector<TimerHandle*> timers;  // as many as there are to be had
   rlimit usual;
   getrlimit(RLIMIT_SIGPENDING, &usual);
-  const rlimit few = {8, usual.rlim_max};
+  const rlimit few = {std::min<rlim_t>(2000, usual.rlim_max), usual.rlim_max};
   setrlimit(RLIMIT_SIGPENDING, &few);
   while (TimerHandle* const timer = start(probe, 100'000, true)) timers.push_back(timer);
   setrlimit(RLIMIT_SIGPENDING, &usual);
   EXPECT_EQ(recording().trace_texts(), std::vector<std::string>(1, "timer creation failed!! (err.11)\n"));
   EXPECT_EQ(recording().held(), static_cast<int>(timers.size()));
+  std::shuffle(timers.begin(), timers.end(), std::mt19937(1));
   for (TimerHandle* timer : timers) QMXUtil_TimerFree(timer);
   const sigset_t after = mask();
   EXPECT_EQ(memcmp(&before, &after, sizeof before), 0);
@@ -170,7 +173,7 @@ TEST_F(TimerTest, SignalsThatAreNoLiveTimersExpiryAreReportedOrSilent) {
   QMXUtil_TimerFree(dead);
   TimerHandle* const live = start(probe, 100'000, true);
   errno = ENOENT;
-  kill(getpid(), kSignal);
+  sigqueue(getpid(), kSignal, sigval{});
   call_handler(SIGUSR1, timer_info(live));
   EXPECT_TRUE(wait_for([] { return recording().traces().size() == 2; }));
   for (void* value : {static_cast<void*>(dead == live ? nullptr : dead), static_cast<void*>(&probe),
@@ -223,6 +226,37 @@ TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(wait_for([&] { return inherited.calls > 2; }));
   QMXUtil_TimerFree(timer);
+}
+
+struct LongCallback {
+  std::atomic<bool> runs{false};
+  std::atomic<int> did_not_wait{0}, freed{0}, made{0};
+};
+
+int look_who_waits(void* arg) {
+  LongCallback& call = *static_cast<LongCallback*>(arg);
+  call.runs = true;
+  for (const auto end = Clock::now() + milliseconds(50); Clock::now() < end;) {
+    if (call.freed != 0 || call.made != 0) call.did_not_wait = 1;
+  }
+  return 0;
+}
+
+TEST_F(TimerTest, CreatingAndFreeingWaitForARunningCallback) {
+  LongCallback call;
+  Probe probe;
+  TimerHandle *made = nullptr, *const timer = QMXUtil_TimerNew(20, 0, look_who_waits, &call);
+  const sigset_t open = block_timer_signal();  // the threads inherit it: the callback runs here
+  std::thread frees(
+      [&] { call.freed = wait_for([&] { return call.runs.load(); }) && QMXUtil_TimerFree(timer) == 0; });
+  std::thread makes(
+      [&] { call.made = wait_for([&] { return call.runs.load(); }) && (made = start(probe, 0, false)); });
+  pthread_sigmask(SIG_SETMASK, &open, nullptr);
+  frees.join();
+  makes.join();
+  EXPECT_EQ(call.did_not_wait, 0);
+  EXPECT_EQ(call.freed + call.made, 2);
+  QMXUtil_TimerFree(made);
 }
 
 // Freed records are unmapped and their addresses soon taken again; the recording base library takes a lock of
