@@ -17,7 +17,7 @@ if(CMAKE_BUILD_TYPE STREQUAL "None")
 endif()
 if(QMX_SANITIZE)
   # Instrumented code looks uninitialised to gcc where it is not.
-  target_compile_options(qmx_flags INTERFACE -Wno-maybe-uninitialized)
+  target_compile_options(qmx_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_compile_options(-fsanitize=${QMX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${QMX_SANITIZE})
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
