@@ -447,44 +447,54 @@ const uint8_t* prefix_among_16(const uint8_t* p) {
   return nullptr;
 }
 
-const uint8_t* prefix_among_128(const uint8_t* p) {
-  const uint8_t* prefix = nullptr;
-  for (int i = 0; i < 128 && prefix == nullptr; i += 16) prefix = prefix_among_16(p + i);
-  return prefix;
-}
-
 // Whether a prefix may begin at p[-1] to p[126]. Wherever it begins, it puts 00 00 or 00 01 into one of the
-// aligned pairs of bytes. The least bytes of all sixteens show that there is no such pair in any of them.
+// pairs of bytes. The least bytes of all sixteens show that there is no such pair in any of them.
 bool may_have_prefix(const uint8_t* p) {
-  Bytes16 least = load16_aligned<Bytes16>(p);
+  Bytes16 least = load16<Bytes16>(p);
   for (int i = 16; i < 128; i += 16) {
-    const Bytes16 bytes = load16_aligned<Bytes16>(p + i);
+    const Bytes16 bytes = load16<Bytes16>(p + i);
     least = bytes < least ? bytes : least;
   }
   const Pairs16 pairs = reinterpret_cast<Pairs16>(least) & 0xFEFF;
   return qmxutil::any(qmxutil::equal(pairs, Pairs16{}));
 }
 
-// Whether a prefix begins at p[-2] to p[125]. Where zeros are common, the 01 is what is rare.
-bool has_prefix_that_ends(const uint8_t* p) {
-  Bytes16 ends = {};
-  for (int i = 0; i < 128; i += 16)
-    ends |= qmxutil::equal(load16_aligned<Bytes16>(p + i), Bytes16{} + kPrefixEnd);
-  if (!qmxutil::any(ends)) return false;
-  const Halves16 halves = reinterpret_cast<Halves16>(ends);
-  for (int half = 0; half < 2; ++half) {
-    for (uint64_t rest = halves[half]; rest != 0;) {
-      const int bit = __builtin_ctzll(rest);
-      const uint8_t* const lane = p + 8 * half + bit / 8;
-      for (int i = 0; i < 128; i += 16) {
-        uint16_t before;
-        memcpy(&before, lane + i - 2, sizeof before);
-        if (before == 0 && lane[i] == kPrefixEnd) return true;
-      }
-      rest &= ~(uint64_t{0xFF} << bit);
+// The first prefix of which the last byte is among `size` bytes, a multiple of 64, or null. Where zeros are
+// common, the 01 is what is rare.
+const uint8_t* prefix_that_ends_in(const uint8_t* p, ptrdiff_t size) {
+  for (const uint8_t* const end = p + size; p != end; p += 64) {
+    Bytes16 ends[4];
+    for (int i = 0; i < 4; ++i) {
+      ends[i] = qmxutil::equal(load16<Bytes16>(p + 16 * i), Bytes16{} + kPrefixEnd);
+    }
+    if (!qmxutil::any(ends[0] | ends[1] | ends[2] | ends[3])) continue;
+    for (uint64_t rest = qmxutil::lane_bits(ends); rest != 0; rest &= rest - 1) {
+      const uint8_t* const prefix = p + __builtin_ctzll(rest) - 2;
+      if (prefix[0] == 0 && prefix[1] == 0) return prefix;
     }
   }
-  return false;
+  return nullptr;
+}
+
+// The first prefix in 160 bytes or more, or null.
+const uint8_t* prefix_in_long(const uint8_t* p, const uint8_t* end) {
+  if (const uint8_t* const prefix = prefix_among_16(p)) return prefix;
+  p += 17 - reinterpret_cast<uintptr_t>(p + 1) % 16;  // aligned; prefixes that begin before p[-1] are found
+  const uint8_t* const last = end - 128;
+  for (ptrdiff_t zeros = 128; p <= last;) {
+    if (!may_have_prefix(p)) {
+      p += 128;
+      zeros = 128;
+      continue;
+    }
+    // Zeros are about; the more there were, the longer they are expected to go on.
+    const ptrdiff_t size = std::min(zeros, (end - p) / 128 * 128);
+    if (const uint8_t* const prefix = prefix_that_ends_in(p, size)) return prefix;
+    p += size;
+    if (p < end && p[-2] == 0 && p[-1] == 0 && p[0] == kPrefixEnd) return p - 2;
+    zeros = 4096;
+  }
+  return may_have_prefix(last) ? prefix_that_ends_in(last, 128) : nullptr;  // some places for the second time
 }
 
 // A cursor search needs one byte more than a start code has, and leaves this many when it finds nothing.
@@ -550,24 +560,11 @@ size_t qmxutil::find_start_code_prefix(const uint8_t* data, size_t from, size_t 
   }
 
   if (end - p >= 160) {
-    prefix = prefix_among_16(p);
-    if (prefix != nullptr) return static_cast<size_t>(prefix - data);
-    p += 17 - reinterpret_cast<uintptr_t>(p + 1) % 16;  // aligned; prefixes that begin before p[-1] are found
-    while (end - p >= 129) {
-      if (!may_have_prefix(p)) {
-        p += 128;
-        continue;
-      }
-      // Zeros are about. In this loop, prefixes that begin before p[-2] have been found.
-      for (int i = 0; i < 16 && end - p >= 129; ++i, p += 128) {
-        if (has_prefix_that_ends(p)) return static_cast<size_t>(prefix_among_128(p - 2) - data);
-      }
-      if (p[-2] == 0 && p[-1] == 0 && p[0] == kPrefixEnd) return static_cast<size_t>(p - 2 - data);
-    }
-    --p;
+    prefix = prefix_in_long(p, end);
+  } else {
+    for (; end - p >= 18 && prefix == nullptr; p += 16) prefix = prefix_among_16(p);
+    if (prefix == nullptr) prefix = prefix_among_16(end - 18);  // some places for the second time
   }
-  for (; end - p >= 18 && prefix == nullptr; p += 16) prefix = prefix_among_16(p);
-  if (prefix == nullptr) prefix = prefix_among_16(end - 18);  // some places for the second time
   return prefix != nullptr ? static_cast<size_t>(prefix - data) : length;
 }
 

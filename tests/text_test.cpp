@@ -370,10 +370,13 @@ TEST_F(TextTest, HexadecimalText) {
 }
 
 TEST_F(TextTest, StartCodeSearchesAgreeWithAPlainScan) {
-  const std::string zeros_and_ones("\0\0\0\1\1\xB3\xFF", 7), few_zeros("\0\1\2\3\4\5\6\7\xFE\xB3", 10);
+  const std::string zeros_and_ones("\0\0\0\1\1\xB3\xFF", 7), few_zeros("\0\1\2\3\4\5\6\7\xFE\xB3", 10),
+      no_start_code("\0\0\2\3", 4);
   for (uint32_t round = 0; round < 20000; ++round) {
-    const uint32_t size = round % kLongest;
-    const std::string content = text(size, round % 3 ? zeros_and_ones : few_zeros);
+    const bool long_run = round % 50 == 0;  // of zeros, with one start code
+    const uint32_t size = long_run ? 4 + below(10000) : round % kLongest;
+    std::string content = text(size, long_run ? no_start_code : round % 3 ? zeros_and_ones : few_zeros);
+    if (long_run) content.replace(below(size - 3), 4, std::string("\0\0\1\xB3", 4));
     const GuardedBytes guarded(content);
     const uint32_t from = size ? below(size) : 0;
 

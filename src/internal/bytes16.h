@@ -38,9 +38,14 @@ void store16(void* to, Vector vector) {
 inline Bytes16 equal(Bytes16 a, Bytes16 b) { return reinterpret_cast<Bytes16>(a == b); }
 inline Bytes16 equal(Pairs16 a, Pairs16 b) { return reinterpret_cast<Bytes16>(a == b); }
 
+// Of lanes that compared equal.
 inline bool any(Bytes16 lanes) {
+#if defined(__SSE2__)
+  return _mm_movemask_epi8(reinterpret_cast<__m128i>(lanes)) != 0;
+#else
   const Halves16 halves = reinterpret_cast<Halves16>(lanes);
   return (halves[0] | halves[1]) != 0;
+#endif
 }
 
 // The lanes of four vectors, one behind the other, as bits: the first lane is the lowest bit.
