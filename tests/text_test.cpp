@@ -369,6 +369,16 @@ TEST_F(TextTest, HexadecimalText) {
   }
 }
 
+TEST_F(TextTest, StartCodeIsFoundWhereverItBegins) {
+  for (uint32_t at = 20; at < kLongest - 3; ++at) {
+    std::string content(kLongest, 2);
+    content.replace(at - 20, 2, 2, '\0');  // zeros that lead to no start code
+    content.replace(at, 3, std::string("\0\0\1", 3));
+    const GuardedBytes guarded(content);
+    ASSERT_EQ(qmxutil::find_start_code_prefix(guarded.data(), 0, kLongest), at);
+  }
+}
+
 TEST_F(TextTest, StartCodeSearchesAgreeWithAPlainScan) {
   const std::string zeros_and_ones("\0\0\0\1\1\xB3\xFF", 7), few_zeros("\0\1\2\3\4\5\6\7\xFE\xB3", 10),
       no_start_code("\0\0\2\3", 4);
