@@ -42,12 +42,17 @@ void parse(const Bytes& data) {
     require(UtilSetMPEG4Info(header.data(), 0, &info, &vol) == 66);
     require(UtilGetMPEG4Info(header.data(), 66, &again, nullptr));
     require(again.width == info.width && again.height == info.height);
+    vol.quantType = 1;
+    require(UtilSetMPEG4Info(header.data(), 0, &info, &vol) > 0);
   }
   Bytes vop(data.begin(), data.begin() + std::min<ptrdiff_t>(size, 145));
   vop.resize(145);
   VopCheckCoded(vop.data(), size);
 
-  if (data.empty()) return;
+  for (const char* const codec : {"H264", "hvc1", "MP4V", "MPEG", "none"}) {
+    std::memcpy(&info.codec, codec, sizeof info.codec);
+    require(QMXUtil_GetVideoInfo(data.data(), size, &info) <= 1);
+  }
   H265ParamSetInfo sets = {};
   UtilConvH265InfoFromStartCode(data.data(), static_cast<int32_t>(size), &sets);
   const auto inside = [&](const uint8_t* nal, uint32_t length) {
