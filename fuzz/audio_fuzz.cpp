@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(info.bitRate == bit_rate && (bit_rate != 0) == (info.sampleRate != 0));
   MP3HeaderInfo header = {};
   if (size >= 4) UtilDecode_mp3header(&header, header_at(data));
-  if (size >= 1) require(QMXUtil_GetAudioSampleSize(data[0]) <= 2048);
+  for (uint32_t format = 0; format < 256; ++format) require(QMXUtil_GetAudioSampleSize(format) <= 2048);
   if (size >= 2) require(QMXUtil_UtilGetLATMInfo(data, 2, &info) == info.sampleRate && info.channels < 16);
   return 0;
 }

@@ -56,7 +56,7 @@ void check_search(INIHandle* handle, const std::string& key) {
 // The first byte chooses the attributes, the first line is a key, the rest the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0 || size > 20000) return 0;
-  const INIAttr attr = {1, static_cast<int32_t>((data[0] & 7) * 1000), static_cast<uint8_t>(data[0] >> 7)};
+  const INIAttr attr = {static_cast<uint8_t>((data[0] & 8) == 0), static_cast<int32_t>((data[0] & 7) * 1000), static_cast<uint8_t>(data[0] >> 7)};
   const uint8_t* const end = data + size;
   const uint8_t* const line_end = std::find(data + 1, end, '\n');
   const std::string key(std::string(data + 1, line_end).c_str());
@@ -70,17 +70,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check_search(handle, "");
     check_search(handle, "k");
   }
-  for (const char* const value : {"1", "", "a rather longer value = 5"}) {
+  const std::string long_value(3000, 'v');
+  for (const char* const value : {"1", "", "a rather longer value = 5", long_value.c_str()}) {
     const std::string before = handle->text != nullptr ? handle->text : "";
     const int written = QMXUtil_INIWrite(handle, key.c_str(), value);
     const std::string after = handle->text != nullptr ? handle->text : "";
+    require(!written || attr.writable);
     require(static_cast<size_t>(handle->length) == after.size());
     require(written ? after.find(value) != after.npos : after == before);
   }
+  require(!QMXUtil_INIWrite(handle, nullptr, "1") && !QMXUtil_INISearch(handle, nullptr, nullptr));
   const std::string text_now = handle->text != nullptr ? handle->text : "";
   QMXUtil_INIClose(handle);
   handle = QMXUtil_INIOpen(file().c_str());
   require(handle != nullptr && text_now == (handle->text != nullptr ? handle->text : ""));
   QMXUtil_INIClose(handle);
+  require(QMXUtil_INIOpen("") == nullptr);
   return 0;
 }

@@ -19,9 +19,13 @@ void require(bool holds) {
 }
 
 void read_records(const char* path, const std::string& questions, size_t file_size) {
-  const int32_t record_size = 1 + (questions.back() & 0x3F);
+  const int32_t record_size = questions.back() & 0x3F;
   UserDataHandle* const handle = QMXUtil_UserDataOpen(path, record_size);
-  if (handle == nullptr) return;
+  require(handle == nullptr || record_size > 0);
+  if (QMXUtil_UserDataCount(handle) == 0) {
+    require(!QMXUtil_UserDataRead(handle, 0, nullptr) && !QMXUtil_UserDataReadNext(handle, nullptr));
+    return QMXUtil_UserDataClose(handle);
+  }
   const int count = QMXUtil_UserDataCount(handle);
   require(count > 0 && static_cast<size_t>(count) <= file_size);
   std::vector<uint8_t> out(static_cast<size_t>(record_size));
@@ -46,6 +50,7 @@ void read_records(const char* path, const std::string& questions, size_t file_si
 void update_field(const char* path, int file, const std::string& content, uint32_t value) {
   const int32_t type = static_cast<int32_t>(value % 3);
   require(QMXUtil_MetaDataRead(path, QMX_META_BYTE) <= 0xFF);
+  require(QMXUtil_MetaDataRead(nullptr, QMX_META_BYTE) == 0);
   const int updated = QMXUtil_MetaDataUpdate(path, type, value);
   std::string after(content.size() + 8, '\0');
   const ssize_t length = pread(file, after.data(), after.size(), 0);

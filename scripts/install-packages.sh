@@ -10,7 +10,7 @@ packages_for() {
       libgstreamer-plugins-bad1.0-dev ;;
     fuzz) echo clang libclang-rt-14-dev ;;
     arm64) echo g++-aarch64-linux-gnu qemu-user googletest ;;
-    check) echo clang-format-14 valgrind gcovr binutils ;;
+    check) echo clang-format-14 valgrind gcovr jq binutils ;;
     docs) echo doxygen ;;
     package) echo dpkg-dev file ;;
     clips) echo ffmpeg ;;
