@@ -56,7 +56,8 @@ void check_search(INIHandle* handle, const std::string& key) {
 // The first byte chooses the attributes, the first line is a key, the rest the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0 || size > 20000) return 0;
-  const INIAttr attr = {static_cast<uint8_t>((data[0] & 8) == 0), static_cast<int32_t>((data[0] & 7) * 1000), static_cast<uint8_t>(data[0] >> 7)};
+  const INIAttr attr = {static_cast<uint8_t>((data[0] & 8) == 0), static_cast<int32_t>((data[0] & 7) * 1000),
+                        static_cast<uint8_t>(data[0] >> 7)};
   const uint8_t* const end = data + size;
   const uint8_t* const line_end = std::find(data + 1, end, '\n');
   const std::string key(std::string(data + 1, line_end).c_str());
