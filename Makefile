@@ -39,8 +39,8 @@ coverage:
 
 valgrind:
 	@scripts/install-packages.sh build check
-	$(call build,debug)
-	@scripts/valgrind.sh build/debug
+	$(call build,release)
+	@scripts/valgrind.sh build/release
 
 docs:
 	@scripts/install-packages.sh docs

@@ -4,16 +4,19 @@
 # SIGKILL, and by how much two texts differ.
 #   scripts/valgrind.sh FOLDER_OF_THE_BUILD
 set -euo pipefail
-left_out=SignalTest.RefusedNumbersAreTracedAndChangeNothing:TextTest.ComparisonIgnoresTheCaseOfLettersOnly
-for program in "$1"/tests/*_test; do
-  [ "$(basename "$program")" != ini_power_test ] || continue
-  printf '%-24s ' "$(basename "$program")"
-  if ! valgrind --quiet --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \
+check() {
+  local program=$1 left_out=SignalTest.RefusedNumbersAreTracedAndChangeNothing
+  left_out+=:TextTest.ComparisonIgnoresTheCaseOfLettersOnly
+  if valgrind --quiet --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \
     --errors-for-leak-kinds=definite --child-silent-after-fork=yes "$program" --gtest_brief=1 \
     --gtest_filter=-$left_out >"$program.log" 2>&1; then
-    echo "failed:"
+    printf '%-24s %s\n' "$(basename "$program")" "$(tail -n 1 "$program.log")"
+  else
     tail -n 60 "$program.log"
-    exit 1
+    printf '%-24s failed\n' "$(basename "$program")"
+    return 1
   fi
-  tail -n 1 "$program.log"
-done
+}
+export -f check
+find "$1/tests" -name '*_test' -type f ! -name ini_power_test -print0 |
+  xargs -0 -P "$(nproc)" -I{} bash -c 'check "$1"' _ {}
