@@ -40,6 +40,7 @@ check_hardening() {
   has "$library" "$segments" 'GNU_RELRO' "RELRO"
   has "$library" "$segments" 'GNU_STACK.* RW ' "stack that is not executable"
   has "$library" "$symbols" 'U __stack_chk_fail' "stack protector"
+  has "$library" "$symbols" 'U __[a-z]+_chk' "calls with checked bounds (_FORTIFY_SOURCE)"
   lacks "$library" "$dynamic" 'TEXTREL' "text relocations"
   lacks "$library" "$dynamic" 'NEEDED.*lib(stdc|c\+\+|gcc_s)' "need of a run-time C++ library"
   # Nothing of ours runs at load: the one entry is the compiler's own.
