@@ -457,7 +457,8 @@ QMX_API uint8_t* QMXUtilBase64ConvToBin(const char* text, uint32_t len, uint32_t
  *
  * After each segment the text is passed over up to the next ",", "=", NUL, LF or CR, so what follows padding
  * or was too short to decode is left out. A rest of fewer than four characters that begins with one of these
- * ends the list without an entry.
+ * ends the list without an entry. What decodes to nothing otherwise gives an entry of zero length: a text of
+ * one to three characters in whole ("ABC"), and a last segment of three ("QUJD,ABC").
  *
  * @param text  the characters
  * @param len   how many
