@@ -198,7 +198,7 @@ QMX_API char* QMXUtilStrGetLine(char* text, uint32_t* len);
  * converts the run of such characters. A line end before it means that there is no number. Of a run longer
  * than 23 characters the first 23 are converted; the position returned is after the whole run.
  *
- * A key is found inside a longer word too: "Port=" is found in "Report=1". Give the character before it as
+ * A key is found inside a longer word too: "port=" is found in "Report=1". Give the character before it as
  * part of the key where that matters, and check by the position returned that the value ended where it
  * should.
  * @{
