@@ -198,7 +198,7 @@ QMX_API char* QMXUtilStrGetLine(char* text, uint32_t* len);
  * converts the run of such characters. A line end before it means that there is no number. Of a run longer
  * than 23 characters the first 23 are converted; the position returned is after the whole run.
  *
- * A key is found inside a longer word too: "Port=" is found in "Report=1". Give the character before it as
+ * A key is found inside a longer word too: "port=" is found in "Report=1". Give the character before it as
  * part of the key where that matters, and check by the position returned that the value ended where it
  * should.
  * @{
@@ -457,7 +457,8 @@ QMX_API uint8_t* QMXUtilBase64ConvToBin(const char* text, uint32_t len, uint32_t
  *
  * After each segment the text is passed over up to the next ",", "=", NUL, LF or CR, so what follows padding
  * or was too short to decode is left out. A rest of fewer than four characters that begins with one of these
- * ends the list without an entry.
+ * ends the list without an entry. What decodes to nothing otherwise gives an entry of zero length: a text of
+ * one to three characters in whole ("ABC"), and a last segment of three ("QUJD,ABC").
  *
  * @param text  the characters
  * @param len   how many

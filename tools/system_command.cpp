@@ -262,7 +262,8 @@ void add_system_commands(CLI::App& app) {
   run->add_flag("--no-wait", run_options->no_wait,
                 "find PROGRAM on the search path, start it with one argument at most, print its process id");
   run->prefix_command();
-  run->footer("Then PROGRAM and its arguments.\nExample: qmxutil run /bin/ls -l /tmp");
+  run->footer(
+      "Then PROGRAM and its arguments; a \"--\" may stand in front.\nExample: qmxutil run /bin/ls -l /tmp");
   run->callback([run, run_options] { run_program(*run_options, run->remaining()); });
 
   CLI::App* const which = app.add_subcommand("which", "Tell whether commands exist");
