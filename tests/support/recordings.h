@@ -9,17 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
+
 namespace qmxtest {
 
-inline std::string be(uint64_t value, int bytes) {
-  std::string text;
-  while (bytes-- > 0) text += static_cast<char>(bytes < 8 ? value >> (8 * bytes) : 0);
-  return text;
-}
-inline std::string le(uint64_t value, int bytes) {
-  const std::string text = be(value, bytes);
-  return {text.rbegin(), text.rend()};
-}
 inline std::string box(const std::string& type, const std::string& payload) {
   return be(payload.size() + 8, 4) + type + payload;
 }
