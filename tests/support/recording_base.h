@@ -42,7 +42,7 @@ enum class Op {
   kReaderOpen,
   kReaderGetInfo,
   kReaderReadFrame,
-  kCount
+  kCannotFail
 };
 
 // The programmable media file reader: what it answers, record by record.
@@ -73,11 +73,8 @@ class RecordingBase {
   std::vector<std::string> calls_of(const std::string& prefix) const;
   void clear_calls();
 
-  // The n-th call of `op` from now on fails (1 is the next); fail_from: that one and all later ones.
-  void fail(Op op, int n = 1, bool later_ones_too = false);
-  void fail_from(Op op, int n = 1) { fail(op, n, true); }
-  // The n-th call from now on of any operation that can fail; true from fired() once it came to that.
-  void fail_any(int n);
+  // The n-th call of `op` from now on fails (1 is the next); true from fired() once it came to that.
+  void fail(Op op, int n = 1);
   bool fired() const;
   void stop_failing();
 
@@ -86,7 +83,6 @@ class RecordingBase {
 
   // Blocks, streams and handles not given back yet.
   int held() const;
-  uint32_t block_size(const void* block) const;  // 0 when it is none
 
   // From now on the media file reader answers from `script`.
   void program_reader(ReaderScript script);
