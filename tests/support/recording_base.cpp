@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -77,8 +76,9 @@ bool fails(Op op, const char* call, ...) {
   return s.fired = true;
 }
 
-[[noreturn]] void stop(const char* what, const char* name) {
-  std::fprintf(stderr, "%s %s\n", what, name);
+void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "failed: %s\n", what);
   std::abort();
 }
 
@@ -92,7 +92,7 @@ template <class Handle>
 Handle* drop(const char* call, Handle* handle) {
   fails(Op::kCannotFail, "%s", call);
   const auto held = Locked()->handles.extract(handle);
-  if (held.empty()) stop("not held, but released:", call);
+  require(!held.empty(), call);
   return handle;
 }
 
@@ -117,7 +117,7 @@ void* new_block(bool failing, uint64_t size, bool clear) {
 template <class F>
 F next(const char* name) {
   void* const symbol = dlsym(RTLD_NEXT, name);
-  if (symbol == nullptr) stop("the stand-in has no", name);
+  require(symbol != nullptr, name);
   return reinterpret_cast<F>(symbol);
 }
 #define NEXT(function) next<decltype(&function)>(#function)
@@ -184,7 +184,7 @@ void RecordingBase::program_reader(ReaderScript script) {
 
 TempDir::TempDir() {
   char name[] = "/tmp/qmxutil-test-XXXXXX";
-  if (mkdtemp(name) == nullptr) std::abort();
+  require(mkdtemp(name) != nullptr, "mkdtemp");
   path_ = name;
 }
 
@@ -208,7 +208,7 @@ GuardedBytes::GuardedBytes(size_t size) : size_(size) {
   const size_t body = (size + page - 1) / page * page;
   map_size_ = body + page;
   void* const map = mmap(nullptr, map_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (map == MAP_FAILED) std::abort();
+  require(map != MAP_FAILED, "mmap");
   map_ = static_cast<uint8_t*>(map);
   mprotect(map_ + body, page, PROT_NONE);
   data_ = map_ + body - size;
@@ -259,7 +259,7 @@ void QMX_Free(void* block, int reserved) {
   EXPECT_EQ(reserved, 0);
   fails(Op::kCannotFail, "Free");
   const auto held = Locked()->blocks.extract(block);
-  if (held.empty()) stop("not held, but released:", "a block");
+  require(!held.empty(), "Free of a block that is held");
   if (held.mapped() == nullptr) std::free(block);
 }
 
@@ -284,17 +284,11 @@ int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
 }
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
-  const bool failing = fails(Op::kFileWrite, "FileWrite %ld", count);
   const auto write = NEXT(QMX_FileWrite);
-  if (!failing) return write(stream, buffer, count);
-  rlimit usual;  // the stand-in meets the failure itself: no file may have a byte written to it
-  getrlimit(RLIMIT_FSIZE, &usual);
-  const rlimit none = {0, usual.rlim_max};
-  const auto before = signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &none);
-  const int64_t written = write(stream, buffer, count);
-  setrlimit(RLIMIT_FSIZE, &usual);
-  signal(SIGXFSZ, before);
+  if (!fails(Op::kFileWrite, "FileWrite %ld", count)) return write(stream, buffer, count);
+  signal(SIGXFSZ, SIG_IGN);  // the stand-in meets the failure itself: no file may have a byte written to it
+  int64_t written = 0;
+  with_limit(RLIMIT_FSIZE, [&] { written = write(stream, buffer, count); });
   errno = ENOSPC;
   return written;
 }
@@ -302,14 +296,6 @@ int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
 int QMX_FileSync(FILE* stream) { return fails(Op::kFileSync, "FileSync") ? -1 : NEXT(QMX_FileSync)(stream); }
 
 int QMX_FileClose(FILE* stream) { return NEXT(QMX_FileClose)(drop("FileClose", stream)); }
-
-int QMX_snprintf(char* buffer, uint32_t size, const char* text, ...) {
-  va_list args;
-  va_start(args, text);
-  const int length = std::vsnprintf(buffer, size, text, args);
-  va_end(args);
-  return length;
-}
 
 void QMX_ThreadSleep(int duration) {
   fails(Op::kCannotFail, "ThreadSleep %d", duration);

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdint>
 #include <string>
@@ -113,6 +114,17 @@ class TempDir {
 };
 
 std::string read_file(const std::string& path);
+
+// Calls it while the process may have none of a resource.
+template <class F>
+void with_limit(__rlimit_resource resource, F call) {
+  rlimit usual;
+  getrlimit(resource, &usual);
+  const rlimit none = {0, usual.rlim_max};
+  setrlimit(resource, &none);
+  call();
+  setrlimit(resource, &usual);
+}
 
 // Bytes in a private mapping that ends at an unreadable page: a step past the end ends the test.
 class GuardedBytes {
