@@ -69,8 +69,8 @@ Step model_step(const string& text, size_t& cursor) {  // npos: null
           value == line.npos ? "" : line.substr(value, line.find('\r', value) - value)};
 }
 
-int model_search(const string& text, size_t cursor, const string& key, string& buffer) {
-  for (;;) {
+int model_search(const string& text, const string& key, string& buffer) {
+  for (size_t cursor = 0;;) {
     const Step step = model_step(text, cursor);
     if (step.result == 0) return buffer[0] = '\0', 0;
     if (step.is_pair == 1) buffer.replace(0, step.value.size() + 1, step.value + '\0');
@@ -180,21 +180,13 @@ TEST_F(IniTest, RandomFilesReadSearchAndWriteAsTheModelDoes) {
         longest = std::max(longest, step.value.size());
         EXPECT_EQ(next_step(handle, now.size()), step);
       }
-      for (int i = 0; i < 6; ++i) {
-        QMXUtil_INIReset(handle);
-        size_t from = 0;
-        if (number(3) == 0) {  // from the second line on
-          next_step(handle, now.size());
-          model_step(now, from);
-        }
-        if (from == now.npos) continue;
-        const string wanted = number(8) == 0 ? "" : key();
+      QMXUtil_INIReset(handle);
+      for (const string& wanted : {string(), key(), key(), key(), key()}) {
         string expected(longest + 1, '\xEE');
         qmxtest::GuardedBytes found(expected);
         EXPECT_EQ(QMXUtil_INISearch(handle, wanted.c_str(), found.text()),
-                  model_search(now, from, wanted, expected));
+                  model_search(now, wanted, expected));
         EXPECT_EQ(string(found.text(), longest + 1), expected) << wanted;
-        EXPECT_EQ(handle->cursor, handle->text);
       }
     }
 
