@@ -64,14 +64,13 @@ bool wait_for(Condition condition) {
   return condition();
 }
 
-siginfo_t timer_info(void* value, int code = SI_TIMER) {
+// What arrives with a signal of this code and value.
+void call_handler(int sig, void* value, int code = SI_TIMER) {
   siginfo_t info = {};
   info.si_code = code;
   info.si_value.sival_ptr = value;
-  return info;
+  qmxutil_timer_handler(sig, &info, nullptr);
 }
-
-void call_handler(int sig, siginfo_t info) { qmxutil_timer_handler(sig, &info, nullptr); }
 
 sigset_t mask() {
   sigset_t set = {};  // the C library fills the kernel's part alone
@@ -109,20 +108,16 @@ TEST_F(TimerTest, EachKindOfTimerCallsAsOftenAsItShould) {
   EXPECT_EQ(timers[1]->periodic, 1);
   EXPECT_EQ(timers[1]->arg, &ended);
   EXPECT_TRUE(wait_for([&] { return witness.calls > 0 && unending.calls > 5; }));
-  EXPECT_EQ(ended.calls, 4);
-  EXPECT_EQ(once.calls, 1);
-  EXPECT_EQ(once_nonzero.calls, 1);
-  EXPECT_EQ(never.calls, 0);
-  call_handler(kSignal, timer_info(timers[1], SI_QUEUE));  // an expiry that was under way when it ended
+  for (const auto& [probe, calls] : {std::pair{&ended, 4}, {&once, 1}, {&once_nonzero, 1}, {&never, 0}})
+    EXPECT_EQ(probe->calls, calls) << probe->msec;
+  call_handler(kSignal, timers[1], SI_QUEUE);  // an expiry that was under way when it ended
   EXPECT_EQ(ended.calls, 4);
   for (TimerHandle* timer : timers) EXPECT_EQ(QMXUtil_TimerFree(timer), 0);
-  EXPECT_EQ(QMXUtil_TimerFree(timers[0]), 0);  // unmapped by now
-  EXPECT_EQ(QMXUtil_TimerFree(nullptr), 0);
-  EXPECT_GT(recording().traces().size(), 1u);  // the periodic one without a callback
-  for (const auto& trace : recording().traces()) {
-    EXPECT_EQ(trace.text, "timer->callback is NULL\n");
-    EXPECT_EQ(trace.function, "qmxutil_timer_handler");
-  }
+  EXPECT_EQ(QMXUtil_TimerFree(timers[0]) + QMXUtil_TimerFree(nullptr), 0);  // unmapped by now
+  const auto texts = recording().trace_texts();  // of the periodic one without a callback
+  EXPECT_GT(texts.size(), 1u);
+  EXPECT_EQ(texts, std::vector<std::string>(texts.size(), "timer->callback is NULL\n"));
+  EXPECT_EQ(recording().traces()[0].function, "qmxutil_timer_handler");
 }
 
 TEST_F(TimerTest, TheHandlerIsInstalledByTheFirstCallEvenIfThatFailsAndNeverAgain) {
@@ -138,9 +133,9 @@ TEST_F(TimerTest, TheHandlerIsInstalledByTheFirstCallEvenIfThatFailsAndNeverAgai
   signal(kSignal, SIG_IGN);
   Probe probe;
   QMXUtil_TimerFree(start(probe, 1000, false));
-  struct sigaction later = {};
-  sigaction(kSignal, &action, &later);
-  EXPECT_EQ(later.sa_handler, SIG_IGN);
+  struct sigaction ignored = {};
+  sigaction(kSignal, &action, &ignored);
+  EXPECT_EQ(ignored.sa_handler, SIG_IGN);
 }
 
 TEST_F(TimerTest, FailuresAreTracedLeaveNothingAndKeepTheMask) {
@@ -149,8 +144,8 @@ TEST_F(TimerTest, FailuresAreTracedLeaveNothingAndKeepTheMask) {
   for (const int msec : {-1, -1000, INT32_MIN}) EXPECT_EQ(start(probe, msec, true), nullptr) << msec;
   EXPECT_EQ(recording().held(), 0);
   EXPECT_EQ(recording().trace_texts(), std::vector<std::string>(3, "timer time setting failed!! (err.22)\n"));
-  EXPECT_EQ(recording().traces()[0].function, "QMXUtil_TimerNew");
-  EXPECT_EQ(recording().traces()[0].module, "qmxutil_timer");
+  const auto first = recording().traces()[0];
+  EXPECT_EQ(first.module + " " + first.function, "qmxutil_timer QMXUtil_TimerNew");
   recording().clear_traces();
   std::vector<TimerHandle*> timers;  // as many as there are to be had
   rlimit usual;
@@ -174,13 +169,13 @@ TEST_F(TimerTest, SignalsThatAreNoLiveTimersExpiryAreReportedOrSilent) {
   TimerHandle* const live = start(probe, 100'000, true);
   errno = ENOENT;
   sigqueue(getpid(), kSignal, sigval{});
-  call_handler(SIGUSR1, timer_info(live));
+  call_handler(SIGUSR1, live);
   EXPECT_TRUE(wait_for([] { return recording().traces().size() == 2; }));
-  for (void* value : {static_cast<void*>(dead == live ? nullptr : dead), static_cast<void*>(&probe),
-                      reinterpret_cast<void*>(1), reinterpret_cast<void*>(UINTPTR_MAX)}) {
-    if (value != nullptr) call_handler(kSignal, timer_info(value, SI_QUEUE));
-  }
-  call_handler(kSignal, timer_info(live));  // an earlier timer's at the same address
+  if (dead != live) call_handler(kSignal, dead, SI_QUEUE);
+  for (void* none :
+       {static_cast<void*>(&probe), reinterpret_cast<void*>(1), reinterpret_cast<void*>(UINTPTR_MAX)})
+    call_handler(kSignal, none, SI_QUEUE);
+  call_handler(kSignal, live);  // an earlier timer's at the same address
   EXPECT_EQ(probe.calls, 0);
   auto texts = recording().trace_texts();
   std::sort(texts.begin(), texts.end());
@@ -188,7 +183,7 @@ TEST_F(TimerTest, SignalsThatAreNoLiveTimersExpiryAreReportedOrSilent) {
                                                  std::to_string(kSignal) + ")\n",
                                              "timer is NULL\n"}));
   probe.msec = 0;
-  call_handler(kSignal, timer_info(live, SI_QUEUE));  // sent on purpose
+  call_handler(kSignal, live, SI_QUEUE);  // sent on purpose
   EXPECT_EQ(probe.calls, 1);
   EXPECT_EQ(errno, ENOENT);
   QMXUtil_TimerFree(live);
@@ -222,7 +217,8 @@ TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
     _exit(called && recording().held() == 0 ? 0 : 1);
   }
   int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(wait_for([&] { return inherited.calls > 2; }));
   QMXUtil_TimerFree(timer);

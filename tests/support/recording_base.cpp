@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 
 namespace qmxtest {
@@ -28,35 +28,25 @@ namespace {
 struct TraceSlot {
   std::atomic<bool> ready;
   int level;
-  char module[32];
-  char file[48];
-  char function[64];
-  char format[160];
+  const char *module, *file, *function, *format;
   char text[600];
 };
 std::array<TraceSlot, 8192> trace_slots;
 std::atomic<size_t> trace_count;
 
-struct State {
-  std::mutex lock;
+struct Run {  // what reset() begins anew
   std::vector<std::string> calls;
-  struct Failing {
-    int calls_to_go = 0;  // 0 never
-    bool later_ones_too = false;
-  };
-  std::array<Failing, static_cast<size_t>(Op::kCount)> failing{};
-  int fail_any = 0;
+  std::map<Op, int> until_failure;  // calls to go
   bool fired = false;
   bool guard_pages = true;
-  struct BlockInfo {
-    uint32_t size;
-    std::unique_ptr<GuardedBytes> guarded;  // null: from malloc
-  };
-  std::map<const void*, BlockInfo> blocks;
-  std::multiset<const void*> handles;
-  bool scripted = false;
-  ReaderScript script;
+  std::optional<ReaderScript> script;
   size_t next_record = 0;
+};
+
+struct State : Run {
+  std::mutex lock;
+  std::map<const void*, std::unique_ptr<GuardedBytes>> blocks;  // null: from malloc
+  std::multiset<const void*> handles;
 };
 
 State& state() {
@@ -70,62 +60,56 @@ struct Locked {
   State* operator->() const { return &state(); }
 };
 
-std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* text, ...) {
-  char buffer[600];
+// Records a call. True when it is one that must fail.
+bool fails(Op op, const char* call, ...) __attribute__((format(printf, 2, 3)));
+bool fails(Op op, const char* call, ...) {
+  char text[600];
   va_list args;
-  va_start(args, text);
-  vsnprintf(buffer, sizeof buffer, text, args);
+  va_start(args, call);
+  vsnprintf(text, sizeof text, call, args);
   va_end(args);
-  return buffer;
-}
-
-void record(std::string call) { Locked()->calls.push_back(std::move(call)); }
-
-bool must_fail(Op op) {
   State& s = state();
-  std::lock_guard hold(s.lock);
-  State::Failing& failing = s.failing[static_cast<size_t>(op)];
-  bool hit = false;
-  if (failing.calls_to_go > 0 && --failing.calls_to_go == 0) {
-    hit = true;
-    if (failing.later_ones_too) failing.calls_to_go = 1;
-  }
-  if (s.fail_any > 0 && --s.fail_any == 0) hit = true;
-  if (hit) s.fired = true;
-  return hit;
+  const std::lock_guard hold(s.lock);
+  s.calls.push_back(text);
+  const auto to_go = s.until_failure.find(op);
+  if (to_go == s.until_failure.end() || --to_go->second != 0) return false;
+  return s.fired = true;
 }
 
-[[noreturn]] void stop(const char* what, const char* name) {
-  std::fprintf(stderr, "%s %s\n", what, name);
+void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "failed: %s\n", what);
   std::abort();
 }
 
 template <class Handle>
-Handle* hold_handle(Handle* handle) {
-  if (handle != nullptr) {
-    std::lock_guard hold(state().lock);
-    state().handles.insert(handle);
-  }
+Handle* hold(Handle* handle) {
+  if (handle != nullptr) Locked()->handles.insert(handle);
   return handle;
 }
 
-void drop_handle(const void* handle) {
-  std::lock_guard hold(state().lock);
-  const auto it = state().handles.find(handle);
-  if (it == state().handles.end()) stop("not held, but released:", "a handle");
-  state().handles.erase(it);
+template <class Handle>
+Handle* drop(const char* call, Handle* handle) {
+  fails(Op::kCannotFail, "%s", call);
+  const auto held = Locked()->handles.extract(handle);
+  require(!held.empty(), call);
+  return handle;
 }
 
-void* new_block(uint64_t size, bool clear) {
-  State& s = state();
-  State::BlockInfo info{static_cast<uint32_t>(size), nullptr};
-  if (s.guard_pages) info.guarded = std::make_unique<GuardedBytes>(size);
-  void* const block = s.guard_pages ? info.guarded->data() : std::malloc(size == 0 ? 1 : size);
+void* new_block(bool failing, uint64_t size, bool clear) {
+  std::unique_ptr<GuardedBytes> guarded;
+  void* block = nullptr;
+  if (failing) {
+    errno = ENOMEM;
+  } else if (Locked()->guard_pages) {
+    guarded = std::make_unique<GuardedBytes>(size);
+    block = guarded->data();
+  } else {
+    block = std::malloc(size + 1);
+  }
   if (block == nullptr) return nullptr;
   std::memset(block, clear ? 0 : 0xA5, size);
-  std::lock_guard hold(s.lock);
-  s.blocks[block] = std::move(info);
+  Locked()->blocks[block] = std::move(guarded);
   return block;
 }
 
@@ -133,31 +117,10 @@ void* new_block(uint64_t size, bool clear) {
 template <class F>
 F next(const char* name) {
   void* const symbol = dlsym(RTLD_NEXT, name);
-  if (symbol == nullptr) stop("the stand-in has no", name);
+  require(symbol != nullptr, name);
   return reinterpret_cast<F>(symbol);
 }
 #define NEXT(function) next<decltype(&function)>(#function)
-
-// A call that opens something: recorded, perhaps failed, passed on, its handle held.
-template <class F, class... Args>
-auto open_next(F function, Op op, const std::string& call, Args... args) {
-  record(call);
-  return must_fail(op) ? nullptr : hold_handle(function(args...));
-}
-
-// A call that works on something open: recorded, perhaps failed, passed on.
-template <class F, class... Args>
-auto use_next(F function, Op op, const std::string& call, Args... args) {
-  record(call);
-  return must_fail(op) ? -1 : function(args...);
-}
-
-template <class F, class Handle>
-auto close_next(F function, const char* call, Handle* handle) {
-  record(call);
-  drop_handle(handle);
-  return function(handle);
-}
 
 }  // namespace
 
@@ -168,16 +131,8 @@ RecordingBase& recording() {
 
 void RecordingBase::reset() {
   clear_traces();
-  State& s = state();
-  std::lock_guard hold(s.lock);
-  s.calls.clear();
-  s.failing.fill({});
-  s.fail_any = 0;
-  s.fired = false;
-  s.guard_pages = true;
-  s.scripted = false;
-  s.script = {};
-  s.next_record = 0;
+  const Locked locked;
+  static_cast<Run&>(state()) = {};
 }
 
 std::vector<Trace> RecordingBase::traces() const {
@@ -205,56 +160,31 @@ void RecordingBase::clear_traces() {
 std::vector<std::string> RecordingBase::calls() const { return Locked()->calls; }
 
 std::vector<std::string> RecordingBase::calls_of(const std::string& prefix) const {
-  std::vector<std::string> chosen;
-  for (const std::string& call : calls()) {
-    if (call.compare(0, prefix.size(), prefix) == 0) chosen.push_back(call);
-  }
+  std::vector<std::string> chosen = calls();
+  std::erase_if(chosen, [&](const std::string& call) { return !call.starts_with(prefix); });
   return chosen;
 }
 
 void RecordingBase::clear_calls() { Locked()->calls.clear(); }
-
-void RecordingBase::fail(Op op, int n, bool later_ones_too) {
-  Locked()->failing[static_cast<size_t>(op)] = {n, later_ones_too};
-}
-
-void RecordingBase::fail_any(int n) {
-  std::lock_guard hold(state().lock);
-  state().fail_any = n;
-  state().fired = false;
-}
-
+void RecordingBase::fail(Op op, int n) { Locked()->until_failure[op] = n; }
 bool RecordingBase::fired() const { return Locked()->fired; }
-
-void RecordingBase::stop_failing() {
-  std::lock_guard hold(state().lock);
-  state().failing.fill({});
-  state().fail_any = 0;
-}
-
+void RecordingBase::stop_failing() { Locked()->until_failure.clear(); }
 void RecordingBase::use_guard_pages(bool on) { Locked()->guard_pages = on; }
 
 int RecordingBase::held() const {
-  std::lock_guard hold(state().lock);
-  return static_cast<int>(state().blocks.size() + state().handles.size());
-}
-
-uint32_t RecordingBase::block_size(const void* block) const {
-  std::lock_guard hold(state().lock);
-  const auto it = state().blocks.find(block);
-  return it == state().blocks.end() ? 0 : it->second.size;
+  const Locked locked;
+  return static_cast<int>(locked->blocks.size() + locked->handles.size());
 }
 
 void RecordingBase::program_reader(ReaderScript script) {
-  std::lock_guard hold(state().lock);
-  state().scripted = true;
-  state().script = std::move(script);
-  state().next_record = 0;
+  const Locked locked;
+  locked->script = std::move(script);
+  locked->next_record = 0;
 }
 
 TempDir::TempDir() {
   char name[] = "/tmp/qmxutil-test-XXXXXX";
-  if (mkdtemp(name) == nullptr) std::abort();
+  require(mkdtemp(name) != nullptr, "mkdtemp");
   path_ = name;
 }
 
@@ -278,7 +208,7 @@ GuardedBytes::GuardedBytes(size_t size) : size_(size) {
   const size_t body = (size + page - 1) / page * page;
   map_size_ = body + page;
   void* const map = mmap(nullptr, map_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (map == MAP_FAILED) std::abort();
+  require(map != MAP_FAILED, "mmap");
   map_ = static_cast<uint8_t*>(map);
   mprotect(map_ + body, page, PROT_NONE);
   data_ = map_ + body - size;
@@ -301,10 +231,10 @@ void QMX_Trace(const char* module, int level, const char* sourceFile, int, const
   if (index < trace_slots.size()) {
     TraceSlot& slot = trace_slots[index];
     slot.level = level;
-    std::snprintf(slot.module, sizeof slot.module, "%s", module);
-    std::snprintf(slot.file, sizeof slot.file, "%s", sourceFile);
-    std::snprintf(slot.function, sizeof slot.function, "%s", function);
-    std::snprintf(slot.format, sizeof slot.format, "%s", text);
+    slot.module = module;
+    slot.file = sourceFile;
+    slot.function = function;
+    slot.format = text;
     va_list args;
     va_start(args, text);
     std::vsnprintf(slot.text, sizeof slot.text, text, args);
@@ -317,142 +247,112 @@ void QMX_Trace(const char* module, int level, const char* sourceFile, int, const
 void* QMX_Malloc(uint32_t size, int reserved, int fill, const char*, int, const char*) {
   EXPECT_EQ(reserved, 0);
   EXPECT_TRUE(fill == QMX_FILL_ZERO || fill == QMX_FILL_NONE);
-  record(format("Malloc %u %d", size, fill));
-  if (!must_fail(Op::kMalloc)) return new_block(size, fill == QMX_FILL_ZERO);
-  errno = ENOMEM;
-  return nullptr;
+  return new_block(fails(Op::kMalloc, "Malloc %u %d", size, fill), size, fill == QMX_FILL_ZERO);
 }
 
 void* QMX_Calloc(int count, int size, int fill, const char*, int, const char*) {
-  record(format("Calloc %d %d %d", count, size, fill));
-  if (!must_fail(Op::kCalloc))
-    return new_block(static_cast<uint64_t>(count) * static_cast<uint64_t>(size), true);
-  errno = ENOMEM;
-  return nullptr;
+  const bool failing = fails(Op::kCalloc, "Calloc %d %d %d", count, size, fill);
+  return new_block(failing, static_cast<uint64_t>(count) * static_cast<uint64_t>(size), true);
 }
 
 void QMX_Free(void* block, int reserved) {
   EXPECT_EQ(reserved, 0);
-  EXPECT_NE(block, nullptr);
-  record("Free");
-  std::unique_lock hold(state().lock);
-  const auto held = state().blocks.extract(block);
-  hold.unlock();
-  if (held.empty()) stop("not held, but released:", "a block");
-  if (held.mapped().guarded == nullptr) std::free(block);
+  fails(Op::kCannotFail, "Free");
+  const auto held = Locked()->blocks.extract(block);
+  require(!held.empty(), "Free of a block that is held");
+  if (held.mapped() == nullptr) std::free(block);
 }
 
 FILE* QMX_FileOpen(const char* path, uint32_t mode) {
-  record(format("FileOpen %s 0x%X", path, mode));
-  if (!must_fail(Op::kFileOpen)) return hold_handle(NEXT(QMX_FileOpen)(path, mode));
+  const bool failing = fails(Op::kFileOpen, "FileOpen %s 0x%X", path, mode);
+  if (!failing) return hold(NEXT(QMX_FileOpen)(path, mode));
   errno = EACCES;
   return nullptr;
 }
 
 int QMX_FileSeek(FILE* stream, int64_t offset, int whence) {
-  const std::string call = format("FileSeek %lld %d", static_cast<long long>(offset), whence);
-  return use_next(NEXT(QMX_FileSeek), Op::kFileSeek, call, stream, offset, whence);
+  const bool failing = fails(Op::kFileSeek, "FileSeek %ld %d", offset, whence);
+  return failing ? -1 : NEXT(QMX_FileSeek)(stream, offset, whence);
 }
 
-int64_t QMX_FileTell(FILE* stream) { return use_next(NEXT(QMX_FileTell), Op::kFileTell, "FileTell", stream); }
+int64_t QMX_FileTell(FILE* stream) {
+  return fails(Op::kFileTell, "FileTell") ? -1 : NEXT(QMX_FileTell)(stream);
+}
 
 int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
-  const std::string call = format("FileRead %lld", static_cast<long long>(count));
-  return use_next(NEXT(QMX_FileRead), Op::kFileRead, call, stream, buffer, count);
+  return fails(Op::kFileRead, "FileRead %ld", count) ? -1 : NEXT(QMX_FileRead)(stream, buffer, count);
 }
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
-  record(format("FileWrite %lld", static_cast<long long>(count)));
   const auto write = NEXT(QMX_FileWrite);
-  if (!must_fail(Op::kFileWrite)) return write(stream, buffer, count);
-  rlimit usual;  // the stand-in meets the failure itself: no file may have a byte written to it
-  getrlimit(RLIMIT_FSIZE, &usual);
-  const rlimit none = {0, usual.rlim_max};
-  const auto before = signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &none);
-  const int64_t written = write(stream, buffer, count);
-  setrlimit(RLIMIT_FSIZE, &usual);
-  signal(SIGXFSZ, before);
+  if (!fails(Op::kFileWrite, "FileWrite %ld", count)) return write(stream, buffer, count);
+  signal(SIGXFSZ, SIG_IGN);  // the stand-in meets the failure itself: no file may have a byte written to it
+  int64_t written = 0;
+  with_limit(RLIMIT_FSIZE, [&] { written = write(stream, buffer, count); });
   errno = ENOSPC;
   return written;
 }
 
-int QMX_FileSync(FILE* stream) { return use_next(NEXT(QMX_FileSync), Op::kFileSync, "FileSync", stream); }
+int QMX_FileSync(FILE* stream) { return fails(Op::kFileSync, "FileSync") ? -1 : NEXT(QMX_FileSync)(stream); }
 
-int QMX_FileClose(FILE* stream) { return close_next(NEXT(QMX_FileClose), "FileClose", stream); }
-
-int QMX_snprintf(char* buffer, uint32_t size, const char* text, ...) {
-  va_list args;
-  va_start(args, text);
-  const int length = std::vsnprintf(buffer, size, text, args);
-  va_end(args);
-  return length;
-}
+int QMX_FileClose(FILE* stream) { return NEXT(QMX_FileClose)(drop("FileClose", stream)); }
 
 void QMX_ThreadSleep(int duration) {
-  record(format("ThreadSleep %d", duration));
+  fails(Op::kCannotFail, "ThreadSleep %d", duration);
   NEXT(QMX_ThreadSleep)(duration);
 }
 
-QMXList* QMX_ListCreate(void) { return open_next(NEXT(QMX_ListCreate), Op::kListCreate, "ListCreate"); }
-
-void QMX_ListDestroy(QMXList* list) { close_next(NEXT(QMX_ListDestroy), "ListDestroy", list); }
+QMXList* QMX_ListCreate(void) {
+  return fails(Op::kListCreate, "ListCreate") ? nullptr : hold(NEXT(QMX_ListCreate)());
+}
+void QMX_ListDestroy(QMXList* list) { NEXT(QMX_ListDestroy)(drop("ListDestroy", list)); }
 
 QMXListNode* QMX_List_Node_new(void) {
-  return open_next(NEXT(QMX_List_Node_new), Op::kListNodeNew, "ListNodeNew");
+  return fails(Op::kListNodeNew, "ListNodeNew") ? nullptr : hold(NEXT(QMX_List_Node_new)());
 }
-
-void QMX_List_Node_delete(QMXListNode* node) {
-  close_next(NEXT(QMX_List_Node_delete), "ListNodeDelete", node);
-}
+void QMX_List_Node_delete(QMXListNode* node) { NEXT(QMX_List_Node_delete)(drop("ListNodeDelete", node)); }
 
 QMXBit* QMXBitOpen(const uint8_t* buffer, uint32_t length) {
-  return open_next(NEXT(QMXBitOpen), Op::kBitOpen, format("BitOpen %u", length), buffer, length);
+  return fails(Op::kBitOpen, "BitOpen %u", length) ? nullptr : hold(NEXT(QMXBitOpen)(buffer, length));
 }
-
-void QMXBitClose(QMXBit* handle) { close_next(NEXT(QMXBitClose), "BitClose", handle); }
+void QMXBitClose(QMXBit* handle) { NEXT(QMXBitClose)(drop("BitClose", handle)); }
 
 QMXByte* QMXByte_Open(const uint8_t* buffer, uint32_t length) {
-  return open_next(NEXT(QMXByte_Open), Op::kByteOpen, format("ByteOpen %u", length), buffer, length);
+  return fails(Op::kByteOpen, "ByteOpen %u", length) ? nullptr : hold(NEXT(QMXByte_Open)(buffer, length));
 }
-
-void QMXByte_Close(QMXByte* handle) { close_next(NEXT(QMXByte_Close), "ByteClose", handle); }
+void QMXByte_Close(QMXByte* handle) { NEXT(QMXByte_Close)(drop("ByteClose", handle)); }
 
 // The media file reader: the stand-in's, or the script's, whose one handle is a fixed address.
-static QMXReader* scripted_reader() { return reinterpret_cast<QMXReader*>(&trace_slots); }
 
 int QMXReaderOpen(QMXReader** out, QMXReaderParam* param) {
-  record(format("ReaderOpen %s", param->path));
-  if (must_fail(Op::kReaderOpen)) return -1;
+  if (fails(Op::kReaderOpen, "ReaderOpen %s", param->path)) return -1;
   int result = 0;
-  if (state().scripted) {
+  if (state().script) {
     static const uint8_t zeros[sizeof param->reserved8] = {};
     EXPECT_EQ(std::memcmp(param->reserved8, zeros, sizeof zeros), 0) << "bytes not listed must be zero";
-    *out = scripted_reader();
+    *out = reinterpret_cast<QMXReader*>(&trace_slots);
   } else {
     result = NEXT(QMXReaderOpen)(out, param);
   }
-  if (result >= 0) hold_handle(*out);
+  if (result >= 0) hold(*out);
   return result;
 }
 
 int QMXReaderGetInfo(QMXReader* handle, QMXReaderInfo* info) {
-  record("ReaderGetInfo");
-  if (must_fail(Op::kReaderGetInfo)) return -1;
-  if (!state().scripted) return NEXT(QMXReaderGetInfo)(handle, info);
+  if (fails(Op::kReaderGetInfo, "ReaderGetInfo")) return -1;
+  if (!state().script) return NEXT(QMXReaderGetInfo)(handle, info);
   static const QMXReaderInfo zeros = {};
   EXPECT_EQ(std::memcmp(info, &zeros, sizeof zeros), 0) << "the record must come cleared";
-  *info = state().script.info;
+  *info = state().script->info;
   return 0;
 }
 
 int QMXReaderReadFrame(QMXReader* handle, QMXReaderFrame* frame) {
-  record(format("ReaderReadFrame %u %u", frame->kind, frame->capacity));
-  if (must_fail(Op::kReaderReadFrame)) return -1;
   State& s = state();
-  if (!s.scripted) return NEXT(QMXReaderReadFrame)(handle, frame);
-  if (s.next_record >= s.script.records.size()) return -1;
-  const ReaderRecord& record = s.script.records[s.next_record++];
+  if (fails(Op::kReaderReadFrame, "ReaderReadFrame %u %u", frame->kind, frame->capacity)) return -1;
+  if (!s.script) return NEXT(QMXReaderReadFrame)(handle, frame);
+  if (s.next_record >= s.script->records.size()) return -1;
+  const ReaderRecord& record = s.script->records[s.next_record++];
   if (record.result < 0) return record.result;
   std::memcpy(frame->data, record.data.data(), std::min<size_t>(record.data.size(), frame->capacity));
   frame->timeMs = record.time_ms;
@@ -460,7 +360,6 @@ int QMXReaderReadFrame(QMXReader* handle, QMXReaderFrame* frame) {
 }
 
 void QMXReaderClose(QMXReader* handle) {
-  record("ReaderClose");
-  drop_handle(handle);
-  if (!state().scripted) NEXT(QMXReaderClose)(handle);
+  drop("ReaderClose", handle);
+  if (!state().script) NEXT(QMXReaderClose)(handle);
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdint>
 #include <string>
@@ -42,7 +43,7 @@ enum class Op {
   kReaderOpen,
   kReaderGetInfo,
   kReaderReadFrame,
-  kCount
+  kCannotFail
 };
 
 // The programmable media file reader: what it answers, record by record.
@@ -73,11 +74,8 @@ class RecordingBase {
   std::vector<std::string> calls_of(const std::string& prefix) const;
   void clear_calls();
 
-  // The n-th call of `op` from now on fails (1 is the next); fail_from: that one and all later ones.
-  void fail(Op op, int n = 1, bool later_ones_too = false);
-  void fail_from(Op op, int n = 1) { fail(op, n, true); }
-  // The n-th call from now on of any operation that can fail; true from fired() once it came to that.
-  void fail_any(int n);
+  // The n-th call of `op` from now on fails (1 is the next); true from fired() once it came to that.
+  void fail(Op op, int n = 1);
   bool fired() const;
   void stop_failing();
 
@@ -86,7 +84,6 @@ class RecordingBase {
 
   // Blocks, streams and handles not given back yet.
   int held() const;
-  uint32_t block_size(const void* block) const;  // 0 when it is none
 
   // From now on the media file reader answers from `script`.
   void program_reader(ReaderScript script);
@@ -117,6 +114,17 @@ class TempDir {
 };
 
 std::string read_file(const std::string& path);
+
+// Calls it while the process may have none of a resource.
+template <class F>
+void with_limit(__rlimit_resource resource, F call) {
+  rlimit usual;
+  getrlimit(resource, &usual);
+  const rlimit none = {0, usual.rlim_max};
+  setrlimit(resource, &none);
+  call();
+  setrlimit(resource, &usual);
+}
 
 // Bytes in a private mapping that ends at an unreadable page: a step past the end ends the test.
 class GuardedBytes {

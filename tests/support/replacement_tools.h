@@ -1,7 +1,6 @@
 // Shell scripts that stand in for the system's tools: first on the search path for the duration of a test.
 #pragma once
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -32,16 +31,5 @@ class ReplacementTools {
   TempDir dir_;
   std::string old_path_;
 };
-
-// Calls it while the process may have none of a resource.
-template <class F>
-void with_limit(__rlimit_resource resource, F call) {
-  rlimit usual;
-  getrlimit(resource, &usual);
-  const rlimit none = {0, usual.rlim_max};
-  setrlimit(resource, &none);
-  call();
-  setrlimit(resource, &usual);
-}
 
 }  // namespace qmxtest
