@@ -237,9 +237,11 @@ TEST_F(UserDataTest, WhatStandsInTheWayIsTracedUnderTheFunctionCalled) {
     script.info.metaPresent = c.present;
     recording().program_reader(script);
     if (c.op == Op::kFileSeek) dir_.write("f", "content");
-    recording().fail_from(c.op, c.nth);
+    recording().fail(c.op, c.nth);
     EXPECT_EQ(QMXUtil_MetaDataUpdate("f", 1, 9), 0);
+    recording().fail(c.op, c.nth);
     EXPECT_LE(QMXUtil_MetaDataRead("f", 1), c.op >= Op::kReaderOpen ? 0u : 5u);
+    recording().fail(c.op, c.nth);
     EXPECT_EQ(QMXUtil_UserDataOpen("f", 8), nullptr);
     recording().stop_failing();
     EXPECT_EQ(traced(), c.want);
