@@ -663,6 +663,7 @@ string elementary_stream(bool h265) {
     if (chance(8)) out += plain_bytes(1024u * (1 + below(9)) - out.size() % 1024 - below(6));
     if (chance(8)) out.append(below(3), '\0');
   }
+  if (chance(9)) out += kStartCode + (h265 ? '\2' : '\1');  // a slice of which only the header is there
   return out;
 }
 
