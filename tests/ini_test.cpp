@@ -146,7 +146,7 @@ class IniTest : public qmxtest::BaseTest {
       if (number(10) == 0) text += repeated('l', number(80));
       text += one_of({"", "\n", "\n", "\n", "\n", "\r\n", "\n\n", "\n \n\t", "\r", " ; c\n", "\n\f\n"});
     }
-    return text;
+    return text + one_of({"", "", "", "; the end", "no pair"});  // behind the last entry
   }
 
   qmxtest::TempDir dir;

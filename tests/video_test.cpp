@@ -122,7 +122,8 @@ TEST_F(VideoTest, H264SpsOfAllKinds) {
     if (poc_type == 0) bits.ue(below(13));
     if (poc_type == 1) {
       bits.any(1);
-      for (uint32_t n = 2 + below(256), k = 0; k <= n; ++k) bits.ue(k == 2 ? n - 2 : value(below(32)));
+      const uint32_t n = 2 + below(256), longest = chance(8) ? 1 : 32;
+      for (uint32_t k = 0; k <= n; ++k) bits.ue(k == 2 ? n - 2 : value(below(longest)));
     }
     want.numRefFrames = bits.ue(below(17));
     bits.any(1);
@@ -663,6 +664,7 @@ string elementary_stream(bool h265) {
     if (chance(8)) out += plain_bytes(1024u * (1 + below(9)) - out.size() % 1024 - below(6));
     if (chance(8)) out.append(below(3), '\0');
   }
+  if (chance(9)) out += kStartCode + (h265 ? '\2' : '\1');  // a slice of which only the header is there
   return out;
 }
 
