@@ -112,10 +112,11 @@ TEST_F(UsageTest, CpuReadingsFollowTheModelOverRandomContents) {
       std::string content;
       const size_t count = random_() % 4 == 0 ? random_() % 9 : 9;
       for (size_t i = 0; i < count; ++i) {
-        std::string& line = lines.emplace_back("cpu" + (i != 0 ? std::to_string(i - 1) : ""));
+        std::string& line = lines.emplace_back("cpu");
+        if (i != 0) line += std::to_string(i - 1);
         for (int column = 0; column < 10; ++column) {
           const int ticks = reading * 100 + static_cast<int>(random_() % 200);
-          line += " " + std::to_string(random_() % 64 == 0 ? -1 : ticks);
+          line.append(" ").append(std::to_string(random_() % 64 == 0 ? -1 : ticks));
         }
         if (random_() % 16 == 0) line.append(300, ' ').append("1");
         content += line + "\n";
