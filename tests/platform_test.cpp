@@ -180,6 +180,13 @@ TEST(PlatformFiles, ReadSeekAndTellFollowAString) {
     ASSERT_EQ(QMX_FileTell(stream), at);
   }
   EXPECT_NE(QMX_FileSeek(stream, -1, 0), 0);
+  for (int64_t n = 65534; n <= 65537; ++n) {  // to the end of what was read ahead, and a byte further
+    ASSERT_EQ(QMX_FileSeek(stream, 0, 0), 0);
+    ASSERT_EQ(QMX_FileRead(stream, got.data(), 1), 1);
+    ASSERT_EQ(QMX_FileRead(stream, got.data() + 1, n), n);
+    EXPECT_EQ(got.compare(0, size_t(n) + 1, text, 0, size_t(n) + 1), 0) << n;
+    EXPECT_EQ(QMX_FileTell(stream), n + 1);
+  }
   QMX_FileClose(stream);
   stream = QMX_FileOpen(dir.path().c_str(), QMX_FILE_READ);  // a folder opens, but cannot be read
   EXPECT_LT(QMX_FileRead(stream, got.data(), 10), 0);
