@@ -304,10 +304,10 @@ TEST_F(TextTest, HexadecimalText) {
 TEST_F(TextTest, StartCodeSearchesAgreeWithAPlainScan) {
   const string zeros_and_ones("\0\0\0\1\1\xB3\xFF", 7), few_zeros("\0\1\2\3\4\5\6\7\xFE\xB3", 10),
       no_start_code("\0\0\2\3", 4);
-  for (uint32_t at = 20; at < kLongest - 3; ++at) {  // wherever it begins, behind zeros that are none
-    string content(kLongest, 2);
-    content.replace(at - 20, 2, 2, '\0').replace(at, 3, kPrefix);
-    ASSERT_EQ(qmxutil::find_start_code_prefix(GuardedBytes(content).data(), 0, kLongest), at);
+  for (uint32_t at = 40; at < 2 * kLongest - 3; ++at) {  // wherever it begins, behind zeros that are none
+    string content(2 * kLongest, 2);
+    content.replace(30, 2, 2, '\0').replace(at, 3, kPrefix);
+    ASSERT_EQ(qmxutil::find_start_code_prefix(GuardedBytes(content).data(), 0, 2 * kLongest), at);
   }
   for (uint32_t round = 0; round < 20000; ++round) {
     const bool long_run = round % 50 == 0;  // of zeros, with one start code
