@@ -130,7 +130,7 @@ typedef struct MPEG4VolInfo {
 #define MPEG4_COMPLEXITY_TEXTURE1_SHIFT \
   12                                      /**< intra_blocks, inter_blocks, inter4v_blocks, not_coded_blocks */
 #define MPEG4_COMPLEXITY_TEXTURE2_SHIFT 8 /**< dct_coefs, dct_lines, vlc_symbols, vlc_bits */
-#define MPEG4_COMPLEXITY_MOTION_SHIFT                                   \
+#define MPEG4_COMPLEXITY_MOTION_SHIFT \
   2 /**< apm, npm, interpolate_mc_q, forw_back_mc_q, halfpel2, halfpel4 \
      */
 #define MPEG4_COMPLEXITY_VERSION2_SHIFT 0 /**< sadct, quarterpel */

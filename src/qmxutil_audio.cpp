@@ -6,7 +6,10 @@
 #include <iterator>
 #include <optional>
 
+#include "internal/big_endian.h"
 #include "internal/trace.h"
+
+using namespace qmxutil;
 
 // ISO/IEC 11172-3, 2.4.2.3 and ISO/IEC 13818-3, 2.4.2.3; the last row is MPEG-2.5.
 constexpr uint32_t MP3SampleRate[9] = {
@@ -40,10 +43,6 @@ constexpr uint32_t kLayer3 = 3;
 constexpr uint32_t kReservedSampleRate = 9;  // MPEG-2.5 with the reserved code: no entry in MP3SampleRate
 constexpr uint8_t kSyncByte = 0xFF;
 constexpr int kConfirmingHeaders = 3;
-
-uint32_t load_header(const uint8_t* bytes) {
-  return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
-}
 
 constexpr uint32_t bits(uint32_t header, uint32_t lowest, uint32_t count) {
   return header >> lowest & ((1u << count) - 1);
@@ -99,9 +98,9 @@ uint32_t layer3_samples(uint32_t header) { return MP3SampleNum[is_lsf(header) * 
 std::optional<bool> is_confirmed(const uint8_t* data, uint32_t length) {
   uint32_t distance = 0;
   for (int i = 0; i < kConfirmingHeaders; ++i) {
-    distance += layer3_frame_length(load_header(data + distance));
+    distance += layer3_frame_length(load_be32(data + distance));
     if (length - kHeaderBytes < distance) return std::nullopt;
-    if (!is_accepted(load_header(data + distance))) return false;
+    if (!is_accepted(load_be32(data + distance))) return false;
   }
   return true;
 }
@@ -125,7 +124,7 @@ Search find_confirmed_frame(const uint8_t* data, uint32_t length) {
   for (const uint8_t* position = data + 1;; ++position) {
     position = find_sync_byte(position, last);
     if (position == last) return {last, false};
-    if (!is_accepted(load_header(position))) continue;
+    if (!is_accepted(load_be32(position))) continue;
     const auto confirmed = is_confirmed(position, length - static_cast<uint32_t>(position - data));
     if (confirmed.value_or(true)) return {position, confirmed.has_value()};
   }
@@ -133,7 +132,7 @@ Search find_confirmed_frame(const uint8_t* data, uint32_t length) {
 
 Search find_frame(const uint8_t* data, uint32_t length) {
   if (length <= kHeaderBytes) return {data, false};
-  if (is_accepted(load_header(data))) return {data, true};
+  if (is_accepted(load_be32(data))) return {data, true};
   return find_confirmed_frame(data, length);
 }
 
@@ -176,7 +175,7 @@ const uint8_t* QMXUtil_GetMP3Frame(const uint8_t** data, uint32_t* remaining, ui
     *data = search.position;
   }
   if (!search.found) return nullptr;
-  const uint32_t header = load_header(search.position);
+  const uint32_t header = load_be32(search.position);
   if (frameLength != nullptr) *frameLength = layer3_frame_length(header);
   if (samplesPerFrame != nullptr) *samplesPerFrame = layer3_samples(header);
   return search.position;
@@ -186,7 +185,7 @@ uint32_t QMXUtil_GetMP3Info(const uint8_t* data, uint32_t length, AudioInfo* inf
                             uint32_t* samplesPerFrame) {
   const Search search = find_frame(data, length);
   if (!search.found) return 0;
-  const uint32_t header = load_header(search.position);
+  const uint32_t header = load_be32(search.position);
   if (samplesPerFrame != nullptr) *samplesPerFrame = layer3_samples(header);
   info->format = QMX_AUDIO_FORMAT_MP3;
   info->sampleRate = MP3SampleRate[sample_rate_index(header)];
@@ -196,7 +195,7 @@ uint32_t QMXUtil_GetMP3Info(const uint8_t* data, uint32_t length, AudioInfo* inf
 }
 
 uint32_t QMXUtil_UtilGetLATMInfo(const uint8_t* config, uint32_t, AudioInfo* info) {
-  const uint32_t word = static_cast<uint32_t>(config[0] << 8 | config[1]);
+  const uint32_t word = load_be16(config);
   const uint32_t sampling_frequency_index = bits(word, 7, 4);
   info->channels = bits(word, 3, 4);
   info->sampleRate =

@@ -16,16 +16,14 @@
 #include "internal/byte_masks.h"
 #include "internal/handles.h"
 #include "internal/ini.h"
+#include "internal/lock.h"
 #include "internal/trace.h"
 #include "qmx_format.h"
 
+using namespace qmxutil;
+
 namespace {
 
-using qmxutil::Block;
-using qmxutil::CString;
-using qmxutil::FileStream;
-using qmxutil::kMaskBytes;
-using qmxutil::match_bytes;
 using std::string_view;
 
 constinit char MODULE[] = "qmxutil_ini";
@@ -332,7 +330,7 @@ void release(INIHandle* handle) {
   std::free(handle->path);
   QMX_Free(handle, 0);
 }
-using HandleOwner = std::unique_ptr<INIHandle, qmxutil::Releaser<release>>;
+using HandleOwner = std::unique_ptr<INIHandle, Releaser<release>>;
 
 // Size of the file, negative when it cannot be told; the stream is at the start again.
 int64_t measure(FILE* file) {

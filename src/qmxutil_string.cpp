@@ -19,12 +19,7 @@
 #include "internal/handles.h"
 #include "internal/start_code.h"
 
-using qmxutil::Bytes16;
-using qmxutil::Halves16;
-using qmxutil::load16;
-using qmxutil::load16_aligned;
-using qmxutil::Pairs16;
-using qmxutil::store16;
+using namespace qmxutil;
 
 static_assert(std::endian::native == std::endian::little, "vectors and tables hold bytes in memory order");
 
@@ -244,7 +239,7 @@ const char* QMXUtilStrFindString(const char* text, const char* pattern) {
   const size_t line = first_line_length(text);
   const size_t limit = line + strnlen(text + line, size);  // a match may begin at the line end
   if (size == 1) return static_cast<const char*>(memchr(text, *pattern, limit));
-  const size_t at = qmxutil::find_bytes(as_bytes(text), 0, limit, as_bytes(pattern), size);
+  const size_t at = find_bytes(as_bytes(text), 0, limit, as_bytes(pattern), size);
   return at < limit ? text + at : nullptr;
 }
 
@@ -498,7 +493,6 @@ const uint8_t* prefix_in_long(const uint8_t* p, const uint8_t* end) {
 }
 
 // A cursor search needs one byte more than a start code has, and leaves this many when it finds nothing.
-constexpr uint32_t kStartCodeSize = 4;
 
 void move_cursor(const uint8_t** buf, uint32_t* len, size_t by) {
   *buf += by;
@@ -571,7 +565,7 @@ size_t qmxutil::find_start_code_prefix(const uint8_t* data, size_t from, size_t 
 int QMXUtil_FindStartCode(const uint8_t** buf, uint32_t* len, uint32_t* code) {
   if (*len <= kStartCodeSize) return 0;
   const size_t prefixes_end = *len - 2;  // a prefix that ends here has its code byte and one more after it
-  const size_t at = qmxutil::find_start_code_prefix(*buf, 0, prefixes_end);
+  const size_t at = find_start_code_prefix(*buf, 0, prefixes_end);
   const bool found = at != prefixes_end;
   move_cursor(buf, len, found ? at : *len - kStartCodeSize);
   if (found) *code = 0x100u + (*buf)[3];
@@ -583,7 +577,7 @@ int QMXUtil_FindStartCode2(const uint8_t** buf, uint32_t* len, uint32_t code) {
   const uint8_t wanted[kStartCodeSize] = {static_cast<uint8_t>(code >> 24), static_cast<uint8_t>(code >> 16),
                                           static_cast<uint8_t>(code >> 8), static_cast<uint8_t>(code)};
   const size_t codes_end = *len - 1;
-  const size_t at = qmxutil::find_bytes(*buf, 0, codes_end, wanted, sizeof wanted);
+  const size_t at = find_bytes(*buf, 0, codes_end, wanted, sizeof wanted);
   const bool found = at != codes_end;
   move_cursor(buf, len, found ? at : *len - kStartCodeSize);
   return found;

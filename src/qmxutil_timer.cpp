@@ -30,8 +30,11 @@
 #include <limits>
 
 #include "internal/handles.h"
+#include "internal/lock.h"
 #include "internal/timer.h"
 #include "internal/trace.h"
+
+using namespace qmxutil;
 
 static_assert(offsetof(TimerHandle, timerId) == 0 && offsetof(TimerHandle, periodic) == 8 &&
               offsetof(TimerHandle, callback) == 16 && offsetof(TimerHandle, arg) == 24);
@@ -45,6 +48,7 @@ constexpr int64_t kNsPerSecond = 1'000'000'000;
 constexpr int64_t kNsPerMs = 1'000'000;
 
 constinit int gTimerAction = 0;  // 1 once the handler is installed
+// Taken in the handler, or under a TimerSignalBlock.
 constinit pthread_mutex_t gTimerLock = PTHREAD_MUTEX_INITIALIZER;
 constinit struct sigaction gTimerSigact = {};
 constinit std::atomic<bool> idle = false;  // the handler is in force and no callback runs: no need to wait
@@ -67,15 +71,6 @@ class TimerSignalBlock {
 
  private:
   sigset_t before_;
-};
-
-// Taken in the handler, or under a TimerSignalBlock.
-class TimerLock {
- public:
-  TimerLock() { pthread_mutex_lock(&gTimerLock); }
-  ~TimerLock() { pthread_mutex_unlock(&gTimerLock); }
-  TimerLock(const TimerLock&) = delete;
-  TimerLock& operator=(const TimerLock&) = delete;
 };
 
 // --- The live timers: chains through the records themselves, found by address. A timer joins at the front of
@@ -121,7 +116,7 @@ bool remove_live(const TimerHandle* address) {
 // Waits for a callback that runs; in the process's first call installs the handler, and is true.
 bool wait_or_install() {
   const TimerSignalBlock block;
-  const TimerLock lock;
+  const MutexLock lock(gTimerLock);
   if (!__sync_bool_compare_and_swap(&gTimerAction, 0, 1)) return false;  // a full memory barrier, too
   gTimerSigact.sa_sigaction = qmxutil_timer_handler;
   gTimerSigact.sa_flags = SA_SIGINFO | SA_RESTART;
@@ -135,7 +130,7 @@ bool wait_or_install() {
 // here.
 bool retire(const TimerHandle* address) {
   const TimerSignalBlock block;
-  const TimerLock lock;
+  const MutexLock lock(gTimerLock);
   return remove_live(address);
 }
 
@@ -185,7 +180,7 @@ bool is_due(TimerHandle& timer, const siginfo_t& info, int64_t now) {
 // Calls back, if there is a live timer at this address and it is due. False when it has no callback.
 bool expire(const TimerHandle* address, const siginfo_t& info) {
   const int64_t now = monotonic_ns();  // before waiting for the lock: a late signal does not age there
-  const TimerLock lock;
+  const MutexLock lock(gTimerLock);
   TimerHandle* const timer = find_live(address);
   if (timer == nullptr || !is_due(*timer, info, now)) return true;
   if (timer->callback == nullptr) return false;
@@ -218,7 +213,7 @@ TimerHandle* QMXUtil_TimerNew(int msec, uint8_t periodic, TimerCallback callback
   if (!idle.load(std::memory_order_acquire) && wait_or_install()) {
     pthread_atfork(nullptr, nullptr, [] { ++forks; });
   }
-  qmxutil::Block<TimerHandle> timer(static_cast<TimerHandle*>(
+  Block<TimerHandle> timer(static_cast<TimerHandle*>(
       QMX_Calloc(1, sizeof(TimerHandle), QMX_FILL_ZERO, __FILE_NAME__, __LINE__, __func__)));
   if (timer == nullptr) return nullptr;
   timer->periodic = periodic;

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "internal/handles.h"
+#include "internal/lock.h"
 #include "internal/shell.h"
 #include "internal/trace.h"
 #include "internal/usage.h"
@@ -83,12 +84,6 @@ bool take_sample(FILE* in, UsageCpuSample& cur) {
 }
 
 // ---- Task usage ----
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-using StdFile = std::unique_ptr<FILE, Releaser<std::fclose>>;
 
 bool is_directory(DIR* parent, const dirent& child) {
   if (child.d_type != DT_UNKNOWN) return child.d_type == DT_DIR;
@@ -169,16 +164,6 @@ struct UsageMem {
 constinit pthread_mutex_t memlock = PTHREAD_MUTEX_INITIALIZER;
 constinit int32_t memrefs = 0;     // opens not yet matched by a close
 constinit UsageMem memusage = {};  // all zero while the accounting is closed
-
-class MemLock {
- public:
-  MemLock() { pthread_mutex_lock(&memlock); }
-  ~MemLock() { pthread_mutex_unlock(&memlock); }
-  MemLock(const MemLock&) = delete;
-  MemLock& operator=(const MemLock&) = delete;
-};
-
-using Node = std::unique_ptr<QMXListNode, Releaser<QMX_List_Node_delete>>;
 
 UsageMemItem* item_of(const QMXListNode* node) { return static_cast<UsageMemItem*>(node->data); }
 
@@ -444,7 +429,7 @@ void QMXUTIL_UsageTaskClose(void* handle) { QMXUTIL_UsageCpuClose(handle); }
 // ---- Memory accounting ----
 
 int QMXUTIL_UsageMemOpen(const char* path) {
-  const MemLock lock;
+  const MutexLock lock(memlock);
   if (memrefs > 0) {
     ++memrefs;
     return 1;
@@ -466,7 +451,7 @@ int QMXUTIL_UsageMemOpen(const char* path) {
 }
 
 int QMXUTIL_UsageMemAdd(const char* type, const char* item, int32_t size) {
-  const MemLock lock;
+  const MutexLock lock(memlock);
   if (memrefs == 0) return 1;
   if (type == nullptr) return 0;
   UsageMemType* slot = find_type(type);
@@ -496,7 +481,7 @@ int QMXUTIL_UsageMemAdd(const char* type, const char* item, int32_t size) {
 }
 
 int QMXUTIL_UsageMemPrint(uint8_t toStdout) {
-  const MemLock lock;
+  const MutexLock lock(memlock);
   if (memrefs == 0) return 1;
   FILE* const out = toStdout != 0 ? stdout : memusage.file;
   std::fputs("\n-------------------------------\n", out);
@@ -511,7 +496,7 @@ int QMXUTIL_UsageMemPrint(uint8_t toStdout) {
 }
 
 void QMXUTIL_UsageMemClose(void) {
-  const MemLock lock;
+  const MutexLock lock(memlock);
   if (memrefs <= 0 || --memrefs > 0) return;
   release_table();
 }

@@ -13,7 +13,7 @@
 #include "internal/trace.h"
 #include "qmx_format.h"
 
-using namespace qmxutil;  // NOLINT: this family's own namespace
+using namespace qmxutil;
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 
+#include "internal/big_endian.h"
 #include "internal/bit_reader.h"
 #include "internal/byte_search.h"
 #include "internal/bytes16.h"
@@ -18,50 +19,13 @@
 #include "internal/trace.h"
 #include "qmxutil_string.h"
 
-using qmxutil::any;
-using qmxutil::BitHandle;
-using qmxutil::BitReader;
-using qmxutil::Block;
-using qmxutil::ByteHandle;
-using qmxutil::Bytes16;
-using qmxutil::equal;
-using qmxutil::lane_bits;
-using qmxutil::load16;
-using qmxutil::open_bits;
-using qmxutil::Pairs16;
-using qmxutil::store16;
+using namespace qmxutil;
 
 namespace {
 
 constexpr char MODULE[] = "utilvideo";
 
 using Bytes = std::span<const uint8_t>;
-
-constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
-constexpr size_t kStartCodeSize = sizeof kStartCode;
-
-// Position of the first four-byte start code that lies whole within [from, length), or `length`.
-size_t find_start_code(const uint8_t* data, size_t from, size_t length) {
-  return qmxutil::find_bytes(data, from, length, kStartCode, kStartCodeSize);
-}
-
-bool begins_with_start_code(const uint8_t* data, size_t length) {
-  return length >= kStartCodeSize && std::memcmp(data, kStartCode, kStartCodeSize) == 0;
-}
-
-uint32_t load_be16(const uint8_t* bytes) { return uint32_t{bytes[0]} << 8 | bytes[1]; }
-
-void store_be16(uint8_t* bytes, size_t value) {
-  bytes[0] = static_cast<uint8_t>(value >> 8);
-  bytes[1] = static_cast<uint8_t>(value);
-}
-
-uint32_t load_be32(const uint8_t* bytes) { return load_be16(bytes) << 16 | load_be16(bytes + 2); }
-
-void store_be32(uint8_t* bytes, size_t value) {
-  store_be16(bytes, value >> 16);
-  store_be16(bytes + 2, value);
-}
 
 }  // namespace
 
@@ -277,8 +241,7 @@ size_t move_to_emulation_prevention(uint8_t* data, size_t written, size_t read, 
     }
     for (size_t k = 0; k < 4; ++k) store16(data + written + 16 * k, bytes[k]);
   }
-  const size_t found =
-      qmxutil::find_bytes(data, read, end, kEmulationPrevention, sizeof kEmulationPrevention);
+  const size_t found = find_bytes(data, read, end, kEmulationPrevention, sizeof kEmulationPrevention);
   const size_t stop = found < end ? found + 2 : end;
   std::memmove(data + written, data + read, stop - read);
   return stop - begin;
@@ -767,7 +730,7 @@ constexpr uint32_t kMostTimeIncrementBits = 32;
 size_t find_vol_start_code(const uint8_t* data, size_t length) {
   if (length <= kStartCodeSize) return length;
   const size_t prefixes_end = length - 2;
-  for (size_t at = 0; (at = qmxutil::find_start_code_prefix(data, at, prefixes_end)) < prefixes_end; ++at) {
+  for (size_t at = 0; (at = find_start_code_prefix(data, at, prefixes_end)) < prefixes_end; ++at) {
     if ((data[at + 3] & 0xF0) == (kVideoObjectLayerStartCode & 0xFF)) return at;
   }
   return length;
@@ -1007,7 +970,6 @@ constexpr uint32_t kH265NalTrailR = 1;
 constexpr uint32_t kH265NalIdrWRadl = 19;
 constexpr uint32_t kH265NalPps = 34;
 
-constexpr size_t kPrefixSize = 3;
 constexpr size_t kFirstBlock = 1024;
 constexpr size_t kUsualBlock = 8192;
 
@@ -1022,13 +984,13 @@ class FrameBuffer {
   // that.
   std::optional<size_t> next_header() {
     for (;;) {
-      const size_t prefix = qmxutil::find_start_code_prefix(buffer_, scanned_, filled_);
-      if (filled_ - prefix > kPrefixSize) {
-        scanned_ = prefix + kPrefixSize;
+      const size_t prefix = find_start_code_prefix(buffer_, scanned_, filled_);
+      if (filled_ - prefix > kStartCodePrefixSize) {
+        scanned_ = prefix + kStartCodePrefixSize;
         return scanned_;
       }
-      if (filled_ >= kPrefixSize)
-        scanned_ = std::max(scanned_, std::min(prefix, filled_ - (kPrefixSize - 1)));
+      if (filled_ >= kStartCodePrefixSize)
+        scanned_ = std::max(scanned_, std::min(prefix, filled_ - (kStartCodePrefixSize - 1)));
       if (!read_more()) return std::nullopt;
     }
   }
@@ -1045,7 +1007,7 @@ class FrameBuffer {
 
   // The frame ends in front of the start code of this NAL unit header.
   uint32_t end_before(size_t header) {
-    size_t start_code = header - kPrefixSize;
+    size_t start_code = header - kStartCodePrefixSize;
     if (buffer_[start_code - 1] == 0) --start_code;
     give_back_from(start_code);
     return static_cast<uint32_t>(start_code);
