@@ -1,7 +1,7 @@
 // Sixty-four bytes at a time, as masks with one bit a byte: where a character stands in a text.
 #pragma once
 
-#include "bytes16.h"
+#include "simd/bytes16.h"
 
 namespace qmxutil {
 
