@@ -1,5 +1,5 @@
 # `make demo` and `make test` are all that a newcomer needs; each installs what is missing, builds, and runs.
-.PHONY: demo test bench fuzz coverage valgrind docs package clean
+.PHONY: demo test bench bench-arm64 bench-arm64-check bench-arm64-accept fuzz coverage valgrind docs package clean
 
 JOBS := $(shell nproc)
 SECONDS_EACH ?= 60
@@ -26,6 +26,13 @@ bench:
 	@scripts/install-packages.sh build bench
 	$(call build,bench)
 	@build/bench/bench/qmxutil_bench --benchmark_filter='$(BENCH_FILTER)'
+
+bench-arm64 bench-arm64-check bench-arm64-accept:
+	@scripts/install-packages.sh build arm64
+	@scripts/arm64-peers.sh build/arm64-peers
+	$(call build,bench-arm64)
+	@scripts/bench-arm64.sh $(if $(filter bench-arm64,$@),table build/bench-arm64 '$(BENCH_FILTER)',\
+	  $(subst bench-arm64-,,$@) build/bench-arm64 bench/arm64.tsv)
 
 fuzz:
 	@scripts/install-packages.sh build fuzz

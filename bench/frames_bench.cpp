@@ -148,7 +148,8 @@ void cut_avcodec(benchmark::State& state, const Stream& stream) {
 }
 #endif
 
-void add_parser_row(const std::string& work, const Stream& (*stream)(), double bar) {
+void add_parser_row([[maybe_unused]] const std::string& work, [[maybe_unused]] const Stream& (*stream)(),
+                    [[maybe_unused]] double bar) {
 #ifdef HAVE_AVCODEC
   bench::add_row(
       work, "libavcodec's parser", bar, [stream](benchmark::State& state) { cut_ours(state, stream()); },
@@ -157,7 +158,7 @@ void add_parser_row(const std::string& work, const Stream& (*stream)(), double b
 }
 
 void add_reading_row(const std::string& work, const Stream& (*stream)()) {
-  bench::add_row(
+  bench::add_system_row(
       work, "reading it in 64 KiB blocks", 2,
       [stream](benchmark::State& state) { cut_ours(state, stream()); },
       [stream](benchmark::State& state) { read_blocks(state, stream()); });

@@ -78,7 +78,7 @@ struct RegisterReader {
 };
 
 const bench::Rows rows([] {
-  bench::add_row(
+  bench::add_system_row(
       "QMX_FileRead of 64 KiB blocks, 4 MiB through the stand-in", "fread", 1.1,
       [](benchmark::State& state) {
         read_blocks(

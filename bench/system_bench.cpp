@@ -105,9 +105,11 @@ void add_memory_row() {
 }
 
 const bench::Rows rows([] {
-  bench::add_row("start a program and wait", "posix_spawn and waitpid", 1.1, run_program, spawn_by_hand);
-  bench::add_row("run a shell command", "system", 1.1, run_shell<QMXUtil_ExecShell>, run_shell<std::system>);
-  bench::add_row("read the CPU load", "popen, fgets, pclose", 1.1, read_cpu, read_pipeline);
+  bench::add_system_row("start a program and wait", "posix_spawn and waitpid", 1.1, run_program,
+                        spawn_by_hand);
+  bench::add_system_row("run a shell command", "system", 1.1, run_shell<QMXUtil_ExecShell>,
+                        run_shell<std::system>);
+  bench::add_system_row("read the CPU load", "popen, fgets, pclose", 1.1, read_cpu, read_pipeline);
   add_memory_row<100>();
   add_memory_row<1000>();
   add_memory_row<10000>();

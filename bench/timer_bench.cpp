@@ -28,7 +28,7 @@ void bare(benchmark::State& state) {
 }
 
 const bench::Rows rows([] {
-  bench::add_row("Timer: create, arm, free", "timer_create, _settime, _delete", 1.5, ours, bare);
+  bench::add_system_row("Timer: create, arm, free", "timer_create, _settime, _delete", 1.5, ours, bare);
 });
 
 }  // namespace

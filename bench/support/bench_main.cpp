@@ -109,6 +109,10 @@ void add_row(const std::string& work, const std::string& peer, double bar, Work 
   }
 }
 
+void add_system_row(const std::string& work, const std::string& peer, double bar, Work ours, Work theirs) {
+  add_row(work, peer, bar, std::move(ours), std::move(theirs));
+}
+
 Rows::Rows(void (*add)()) { row_adders().push_back(add); }
 
 void add_note(const std::string& note) { notes().push_back(note); }
