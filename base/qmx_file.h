@@ -13,12 +13,16 @@
 
 #include "qmx_api.h"
 
-#define QMX_FILE_READ 0xF0000002u    /**< an existing file, for reading from its start */
-#define QMX_FILE_REPLACE 0xF0000004u /**< for writing; what is written becomes the whole file */
-#define QMX_FILE_CREATE 0xF0000005u  /**< for writing; the file is created when it is missing */
-#define QMX_FILE_WRITE_IN_PLACE \
-  0xF0000008u              /**< an existing file, for writing from its start, not truncated */
-#define QMX_FILE_UPDATE 8u /**< an existing file, for writing in place after a seek */
+/** An existing file, for reading from its start. */
+#define QMX_FILE_READ 0xF0000002u
+/** For writing; what is written becomes the whole file. */
+#define QMX_FILE_REPLACE 0xF0000004u
+/** For writing after what the file holds already; the file is created when it is missing. */
+#define QMX_FILE_CREATE 0xF0000005u
+/** An existing file, for writing from its start, not truncated. */
+#define QMX_FILE_WRITE_IN_PLACE 0xF0000008u
+/** An existing file, for writing in place after a seek. */
+#define QMX_FILE_UPDATE 8u
 
 /**
  * Opens a file.
@@ -64,7 +68,7 @@ QMX_BASE_API int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count);
  * @param stream  a stream opened for writing
  * @param buffer  the bytes
  * @param count   how many
- * @return bytes written, fewer than `count` on failure.
+ * @return bytes written, fewer than `count` on failure, with errno set.
  */
 QMX_BASE_API int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count);
 

@@ -19,8 +19,9 @@ typedef struct QMXListNode {
 /** @return a new empty list, which the caller releases with QMX_ListDestroy(), or null. */
 QMX_BASE_API QMXList* QMX_ListCreate(void);
 
-/** @return a new unlinked node, its data null, which the caller releases with QMX_List_Node_delete(), or
- * null. */
+/**
+ * @return a new unlinked node, its data null, which the caller releases with QMX_List_Node_delete(), or null.
+ */
 QMX_BASE_API QMXListNode* QMX_List_Node_new(void);
 
 /**

@@ -17,7 +17,7 @@
 /**
  * Allocates a block.
  *
- * @param size        bytes
+ * @param size        bytes; of 0 there is a block too
  * @param reserved    0
  * @param fill        QMX_FILL_ZERO or QMX_FILL_NONE
  * @param sourceFile  name of the calling source file
@@ -32,7 +32,7 @@ QMX_BASE_API void* QMX_Malloc(uint32_t size, int reserved, int fill, const char*
 /**
  * Allocates a cleared array.
  *
- * @param count       elements
+ * @param count       elements; of 0 there is an array too
  * @param size        bytes of one element
  * @param fill        0; the array is cleared whatever it says
  * @param sourceFile  name of the calling source file

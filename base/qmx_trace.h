@@ -14,10 +14,10 @@
 /**
  * Emits one message.
  *
- * Any thread may call it, signal handlers and a child between vfork() and exec included, so an
- * implementation must not allocate, must not wait for a lock that an interrupted thread could hold, and
- * must leave errno as it was. A null string argument must not crash it ("(null)" is printed for it).
- * Whether a level is shown, and where, is the base library's decision.
+ * Any thread may call it, signal handlers included, so an implementation must not allocate, must not wait for
+ * a lock that an interrupted thread could hold, and must leave errno as it was. A null string argument must
+ * not crash it ("(null)" is printed for it). Whether a level is shown, and where, is the base library's
+ * decision.
  *
  * @param module      trace module name of the calling source file, such as "qmxutil_ini"
  * @param level       QMX_TRACE_ERROR, QMX_TRACE_EVENT or QMX_TRACE_VERBOSE

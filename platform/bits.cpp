@@ -48,10 +48,7 @@ QMXBit* QMXBitOpen(const uint8_t* buffer, uint32_t length) {
 void QMXBitByteAlign(QMXBit* handle) { handle->position = (handle->position + 7) / 8 * 8; }
 
 uint32_t QMXBitGetBit(QMXBit* handle, uint32_t n) {
-  if (n > kMostBits) {  // the low 32 bits of a longer number are its last ones
-    handle->position += n - kMostBits;
-    n = kMostBits;
-  }
+  n = std::min(n, kMostBits);
   const uint32_t value = first_bits(bits_ahead(*handle), n);
   handle->position += n;
   return value;

@@ -1,9 +1,5 @@
 // Files: standard I/O streams over descriptors that no started program inherits.
 //
-// Reading. A reader of frames takes a block, finds the frame's end in it and seeks back to there. A buffer of
-// several blocks makes most of those seeks a move within the buffer, and reads of a byte cheap. Larger reads
-// pass the buffer by.
-//
 // Replacing a file's content. The usual caller opens the file, takes a lock on it, writes the new text,
 // releases the lock, syncs and closes. Another process that reads under the same lock must find the old text
 // or the new one, and the old one is to survive a full disk. So:
@@ -15,9 +11,8 @@
 //   written over. If there is none the file stays as it was. Overwriting needs no room after that on file
 //   systems that overwrite in place. A process killed in between leaves the old text followed by zero bytes.
 // - Where it is the shorter one, zero bytes go over the rest of the old text in the same step. A process
-// killed
-//   before the cut leaves the new text followed by zero bytes, and that is what a reader without the lock
-//   meets.
+//   killed before the cut leaves the new text followed by zero bytes, and that is what a reader without the
+//   lock meets.
 // - Writing in place has the room beforehand too, and after a write that failed it takes no other: the zero
 //   bytes that were to follow a text must not be written where the text was to be.
 // - A new file that is renamed over the old one would be more robust against a power failure, but a lock
@@ -26,7 +21,6 @@
 // - A stream that QMX_FileWrite() was not called on is cut at close: to nothing, or to what fputs() wrote.
 #include <fcntl.h>
 #include <pthread.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -34,31 +28,30 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "qmx_file.h"
 
 namespace {
 
-constexpr mode_t kPermissions = 0666;  // less the umask
-constexpr size_t kReadBuffer = 64 * 1024;
+constexpr mode_t kPermissions = 0666;      // less the umask
+constexpr size_t kReadBuffer = 64 * 1024;  // a reader of frames seeks back to a frame's end, mostly within it
 
 // What a stream carries beyond stdio's own, which has no room for it.
 struct Extra {
   FILE* stream;
   Extra* next;
-  bool rewriting;     // over a text that is to survive a full disk
-  bool replacing;     // its rest is still to go
-  bool write_failed;  // and stays if it ends so
+  bool rewriting;  // over a text that is to survive a full disk
+  bool replacing;  // its rest is still to go
+  int failure;     // errno of the last write, 0 when it succeeded; after a failure the rest stays
 };
 constinit Extra* all_extras = nullptr;
 constinit pthread_mutex_t extras_lock = PTHREAD_MUTEX_INITIALIZER;
 
-Extra* add_extra(FILE* stream, size_t room_behind) {
-  auto* const extra = static_cast<Extra*>(std::malloc(sizeof(Extra) + room_behind));
+Extra* add_extra(FILE* stream, size_t room_after) {
+  auto* const extra = static_cast<Extra*>(std::malloc(sizeof(Extra) + room_after));
   if (extra == nullptr) return nullptr;
   pthread_mutex_lock(&extras_lock);
-  *extra = {stream, all_extras, false, false, false};
+  *extra = {stream, all_extras, false, false, 0};
   all_extras = extra;
   pthread_mutex_unlock(&extras_lock);
   return extra;
@@ -142,39 +135,24 @@ int64_t write_over_old_text(FILE* stream, const void* buffer, int64_t count) {
   } while (written < 0 && errno == EINTR);
   std::free(zeros);
   if (written > count) written = count;
+  if (written >= 0 && written < count) errno = ENOSPC;
   return written >= 0 && fseeko(stream, start + written, SEEK_SET) == 0 ? written : -1;
 }
 
 int64_t rewrite(Extra& extra, const void* buffer, int64_t count) {
   FILE* const stream = extra.stream;
-  if (extra.write_failed && !extra.replacing) return -1;
+  if (extra.failure != 0 && !extra.replacing) {
+    errno = extra.failure;
+    return -1;
+  }
   int64_t written = -1;
   if (std::fflush(stream) == 0 && room_is_there(fileno(stream), ftello(stream) + count)) {
     written =
         extra.replacing ? write_over_old_text(stream, buffer, count) : write_through(stream, buffer, count);
   }
-  extra.write_failed = written != count;
-  if (extra.replacing && !extra.write_failed) drop_old_content(extra);
+  extra.failure = written == count ? 0 : errno;
+  if (extra.replacing && extra.failure == 0) drop_old_content(extra);
   return written;
-}
-
-// Frames are read in small pieces with a seek after each. stdio takes a lock for each piece, asks the kernel
-// about every seek, also one to a byte that its buffer holds, and after a seek out of the buffer reads whole
-// blocks again. So what the buffer holds is taken from it here, in glibc's fields.
-bool is_reading(FILE* stream) {
-  return __freading(stream) && !feof_unlocked(stream) && !ferror_unlocked(stream) &&
-         stream->_IO_save_base == nullptr;
-}
-
-bool is_in_buffer(const FILE* stream, int64_t offset) {
-  return offset >= stream->_IO_read_base - stream->_IO_read_ptr &&
-         offset <= stream->_IO_read_end - stream->_IO_read_ptr;
-}
-
-// Moves the position so that the next block read begins at that very byte.
-int move_with_new_block(FILE* stream, int64_t offset) {
-  if (fflush(stream) != 0) return -1;
-  return lseek(fileno(stream), offset, SEEK_CUR) >= 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -219,22 +197,12 @@ FILE* QMX_FileOpen(const char* path, uint32_t mode) {
   return stream;
 }
 
-int QMX_FileSeek(FILE* stream, int64_t offset, int whence) {
-  if (whence != SEEK_CUR || !is_reading(stream)) return fseeko(stream, offset, whence);
-  if (!is_in_buffer(stream, offset)) return move_with_new_block(stream, offset);
-  stream->_IO_read_ptr += offset;
-  return 0;
-}
+int QMX_FileSeek(FILE* stream, int64_t offset, int whence) { return fseeko(stream, offset, whence); }
 
 int64_t QMX_FileTell(FILE* stream) { return ftello(stream); }
 
 int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
   if (count <= 0) return 0;
-  if (is_reading(stream) && is_in_buffer(stream, count)) {
-    std::memcpy(buffer, stream->_IO_read_ptr, static_cast<size_t>(count));
-    stream->_IO_read_ptr += count;
-    return count;
-  }
   const size_t got = std::fread(buffer, 1, static_cast<size_t>(count), stream);
   return got == 0 && std::ferror(stream) ? -1 : static_cast<int64_t>(got);
 }
@@ -254,7 +222,7 @@ int QMX_FileSync(FILE* stream) {
 int QMX_FileClose(FILE* stream) {
   Extra* const extra = find_extra(stream);
   if (extra != nullptr) {
-    if (extra->replacing && !extra->write_failed && std::fflush(stream) == 0) drop_old_content(*extra);
+    if (extra->replacing && extra->failure == 0 && std::fflush(stream) == 0) drop_old_content(*extra);
     unlink_extra(extra);  // before another stream can be at the same address
   }
   const int result = std::fclose(stream);

@@ -1,4 +1,4 @@
-// Lists: doubly linked, the links behind the part of a node that callers see.
+// Lists: doubly linked, the links after the part of a node that callers see.
 #include <cstdlib>
 
 #include "qmx_list.h"
@@ -41,7 +41,6 @@ void QMX_ListDel(QMXList* list, QMXListNode* removed) {
   Node* const node = whole(removed);
   (node->previous != nullptr ? node->previous->next : list->head) = node->next;
   (node->next != nullptr ? node->next->previous : list->tail) = node->previous;
-  node->previous = node->next = nullptr;
 }
 
 void QMX_List_Node_delete(QMXListNode* node) { std::free(node); }

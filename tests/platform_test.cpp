@@ -173,11 +173,14 @@ TEST(PlatformFiles, ReadSeekAndTellFollowAString) {
     ASSERT_EQ(QMX_FileRead(stream, got.data(), n), present);
     ASSERT_EQ(got.compare(0, size_t(present), text, size_t(std::min(at, size)), size_t(present)), 0);
     at += present;
-    const int64_t to = below(text.size() + 10), back = std::min(at, to % 6000);
-    const int whence = static_cast<int>(below(3));
-    ASSERT_EQ(QMX_FileSeek(stream, whence == 0 ? to : whence == 1 ? -back : to - size, whence), 0);
-    at = whence == 1 ? at - back : to;
-    ASSERT_EQ(QMX_FileTell(stream), at);
+    for (uint32_t seeks = below(3) + 1; seeks > 0; --seeks) {
+      const int64_t to = below(text.size() + 10);
+      const int whence = static_cast<int>(below(3));
+      const int64_t origins[] = {0, at, size};
+      ASSERT_EQ(QMX_FileSeek(stream, to - origins[whence], whence), 0);
+      at = to;
+      ASSERT_EQ(QMX_FileTell(stream), at);
+    }
   }
   EXPECT_NE(QMX_FileSeek(stream, -1, 0), 0);
   for (int64_t n = 65534; n <= 65537; ++n) {  // to the end of what was read ahead, and a byte further
