@@ -10,8 +10,10 @@
  * close-on-exec. The pipes of this library are close-on-exec. A child that is waited for is always reaped,
  * unless the process ignores SIGCHLD: then the system reaps it, and the wait ends in its failure.
  *
- * Names that reach a shell command line are quoted: no character of them means anything to the shell. A name
- * that begins with '-' is still an option to the tool it is given to.
+ * A name reaches the shell's command line as it is when every character is a letter, a digit or one of
+ * _ . / + : , @ % - (so does the empty one, which is then no word at all), and in quotes otherwise: no
+ * character of it means anything to the shell. A name that begins with '-' is still an option to the tool it
+ * is given to.
  */
 #ifndef QMXUTIL_PROCESS_H
 #define QMXUTIL_PROCESS_H

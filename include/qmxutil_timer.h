@@ -30,9 +30,11 @@
  * - a periodic timer whose callback returned nonzero is not called again, even when its next signal was
  *   already on its way.
  *
- * After fork() the child has the handler but none of the timers (POSIX); it may free the records, and create
- * timers of its own, unless another thread was inside this family at the moment of the fork. A program
- * started with exec has neither, but inherits a blocked signal as blocked.
+ * After fork() the child has the handler but none of the timers (POSIX). It may free the records and create
+ * timers of its own, whatever other threads did in this family at the moment of the fork; only in the child
+ * of a fork() that a callback made does that have to wait until the callback has returned there. _Fork() runs
+ * no fork handlers (POSIX): in its child this family may not be used before an exec. A program started with
+ * exec has neither timers nor the handler, but inherits a blocked signal as blocked.
  */
 #ifndef QMXUTIL_TIMER_H
 #define QMXUTIL_TIMER_H
@@ -50,18 +52,13 @@
  */
 typedef int (*TimerCallback)(void* arg);
 
-/** One timer: made by QMXUtil_TimerNew(), the caller's until QMXUtil_TimerFree(). Callers only read it. */
+/** One timer: made by QMXUtil_TimerNew(), the caller's until QMXUtil_TimerFree(). Callers only read it; what
+    the library needs besides follows in the same block. */
 typedef struct TimerHandle {
   timer_t timerId;        /**< the POSIX timer */
   int32_t periodic;       /**< the caller's flag, unchanged: 0 one-shot, anything else periodic */
   TimerCallback callback; /**< the caller's function; may be null */
   void* arg;              /**< the caller's pointer for `callback` */
-
-  struct TimerHandle* reservedNext; /**< the library's own */
-  int64_t reservedDueNs;            /**< the library's own */
-  int64_t reservedIntervalNs;       /**< the library's own */
-  int32_t reservedEnded;            /**< the library's own */
-  int32_t reservedForks;            /**< the library's own */
 } TimerHandle;
 
 /**

@@ -130,9 +130,12 @@ QMX_API int QMXUtil_MetaDataUpdate(const char* path, int32_t metaType, uint32_t 
  * Runs `find` in a shell and tries at most 32 subdirectories, in the order it lists them, which is the
  * directory's own. Each line that it prints is a path; one longer than 62 bytes is passed over. (A newline in
  * a subdirectory's name therefore makes two paths of it, the second relative to the working directory.)
- * The directory is quoted, so that nothing in its name is taken for shell syntax or for an option (to that
- * end one that begins with '-', '(', ')', '!' or ',' gets "./" in front). A directory whose command would be
- * longer than 127 bytes is refused, and an entry whose path would be is not found.
+ * The directory reaches the shell as it is when every character is a letter, a digit or one of _ . / + : , @
+ * % -, and in quotes otherwise, so that nothing in its name is taken for shell syntax; one that begins with
+ * '-', '(', ')', '!' or ',' gets "./" in front, so that it is no option. The empty one is no word at all:
+ * what `find` then searches is its own choice (the working directory, or nothing). A directory whose command,
+ * quotes not counted, would be longer than 127 bytes is refused, and an entry whose path would be is not
+ * found.
  *
  * Any thread; blocks until the command has ended.
  *

@@ -25,12 +25,16 @@ namespace {
 
 constinit char MODULE[] = "qmxutil_proc";
 
+const char* printable(const char* text) { return text != nullptr ? text : "(null)"; }
+
+}  // namespace
+
+// ---- Programs and shell commands
+
+namespace {
+
 constexpr size_t kMaxArguments = 30;
 constexpr size_t kArgumentText = 512;  // bytes, the end included
-constexpr int kKillAttempts = 10;
-constexpr int kKillPause = 100;  // milliseconds
-
-const char* printable(const char* text) { return text != nullptr ? text : "(null)"; }
 
 // waitpid() that goes on after a signal handler interrupted it, so that no child is left behind.
 pid_t wait_for(pid_t child, int* status, int options) {
@@ -88,55 +92,6 @@ int QMXUtil_ProcessRun(const char* file, const char* arg, uint8_t wait, int* pid
   }
   if (pid != nullptr) *pid = child;
   return 1;
-}
-
-int QMXUtil_ProcessPID(const char* name) {
-  if (name == nullptr) {
-    TRACE_ERROR("NULL argument!\n");
-    return 0;
-  }
-  constexpr size_t kTool = sizeof "pidof " - 1;
-  char text[64] = {};
-  char command[quoted_size(sizeof text)];
-  QMX_snprintf(text, sizeof text, "pidof %s", name);
-  quote_name(text, kTool, command);
-  const Pipe output(popen(command, "re"));
-  if (!output || read_line(output.get(), text, sizeof text) == Line::kEnd) {
-    TRACE_EVENT("%s is not running\n", name);
-    return 0;
-  }
-  const long pid = std::strtol(text, nullptr, 10);
-  return pid >= INT_MIN && pid <= INT_MAX ? static_cast<int>(pid) : 0;
-}
-
-int QMXUtil_ProcessKill(const char* name, int pid) {
-  if (name != nullptr) pid = QMXUtil_ProcessPID(name);
-  if (pid <= 0) {  // kill() would take it for a group of processes, or all of them
-    TRACE_ERROR("No such process (%s: %d) to kill!\n", printable(name), pid);
-    return 0;
-  }
-  for (int attempt = 0; attempt < kKillAttempts; ++attempt) {
-    if (kill(pid, SIGTERM) == 0) return 1;
-    if (errno == ESRCH) {
-      TRACE_ERROR("No such process (%s: %d) to kill! (Or... Zombie?)\n", printable(name), pid);
-      return 1;
-    }
-    QMX_ThreadSleep(kKillPause);
-  }
-  TRACE_ERROR("Failed to kill (%s: %d)\n", printable(name), pid);
-  return 0;
-}
-
-int QMXUtil_ProcessWhich(const char* name) {
-  if (name == nullptr) return 0;
-  constexpr size_t kTool = sizeof "which " - 1;
-  char text[32];
-  char command[quoted_size(sizeof text)];
-  QMX_snprintf(text, sizeof text, "which %s", name);
-  quote_name(text, kTool, command);
-  const Pipe output(popen(command, "re"));
-  char found[4];
-  return output && read_line(output.get(), found, sizeof found) != Line::kEnd ? 1 : 0;
 }
 
 int QMXUtil_ProcessRunEx(const char* path, const char* args, uint8_t wait) {
@@ -211,4 +166,53 @@ int QMXUtil_ExecShell(const char* command) {
   }
   if (code != 0) TRACE_ERROR("Command exited with status %d\n", code);
   return code;
+}
+
+// ---- Processes by name
+
+namespace {
+
+constexpr int kKillAttempts = 10;
+constexpr int kKillPause = 100;  // milliseconds
+
+}  // namespace
+
+int QMXUtil_ProcessPID(const char* name) {
+  if (name == nullptr) {
+    TRACE_ERROR("NULL argument!\n");
+    return 0;
+  }
+  char text[64] = {};
+  const Pipe output = open_command(text, "pidof %s", name);
+  if (output == nullptr || read_line_start(output.get(), text, sizeof text) == Line::kEnd) {
+    TRACE_EVENT("%s is not running\n", name);
+    return 0;
+  }
+  const long pid = std::strtol(text, nullptr, 10);
+  return pid >= INT_MIN && pid <= INT_MAX ? static_cast<int>(pid) : 0;
+}
+
+int QMXUtil_ProcessKill(const char* name, int pid) {
+  if (name != nullptr) pid = QMXUtil_ProcessPID(name);
+  if (pid <= 0) {  // kill() would take it for a group of processes, or all of them
+    TRACE_ERROR("No such process (%s: %d) to kill!\n", printable(name), pid);
+    return 0;
+  }
+  for (int attempt = 0; attempt < kKillAttempts; ++attempt) {
+    if (kill(pid, SIGTERM) == 0) return 1;
+    if (errno == ESRCH) {
+      TRACE_ERROR("No such process (%s: %d) to kill! (Or... Zombie?)\n", printable(name), pid);
+      return 1;
+    }
+    QMX_ThreadSleep(kKillPause);
+  }
+  TRACE_ERROR("Failed to kill (%s: %d)\n", printable(name), pid);
+  return 0;
+}
+
+int QMXUtil_ProcessWhich(const char* name) {
+  if (name == nullptr) return 0;
+  char text[32];
+  const Pipe output = open_command(text, "which %s", name);
+  return output != nullptr && read_char(output.get()) != EOF ? 1 : 0;
 }

@@ -32,7 +32,11 @@ ReaderHandle open_reader(const char* path) {
   return ReaderHandle(reader);
 }
 
+}  // namespace
+
 // ---- User data records
+
+namespace {
 
 constexpr uint64_t kBufferStep = 524288;  // 512 KiB
 
@@ -61,78 +65,7 @@ void copy_record(const UserDataHandle& handle, const UserDataIndexEntry& entry, 
   std::memcpy(out, entry.data, static_cast<size_t>(handle.recordSize));
 }
 
-// ---- Metadata field
-
-// Fills `info` for a file that has the field; traces as `caller` what stands in the way.
-bool find_field(const char* path, QMXReaderInfo& info, const char* caller) {
-  if (path == nullptr) {
-    TRACE_AS(caller, QMX_TRACE_ERROR, "NULL arguments!\n");
-    return false;
-  }
-  ReaderHandle reader = open_reader(path);
-  if (reader == nullptr) {
-    TRACE_AS(caller, QMX_TRACE_ERROR, "QMXReaderOpen ( %s ) failed\n", path);
-    return false;
-  }
-  info = {};
-  const bool found = QMXReaderGetInfo(reader.get(), &info) >= 0 && info.metaPresent != 0;
-  reader.reset();
-  if (!found) TRACE_AS(caller, QMX_TRACE_ERROR, "There's no data in %s file.\n", path);
-  return found;
-}
-
-constexpr uint32_t kContainerWithWords = 1;  // stores a one-byte value as a big-endian 32-bit number
-
-// ---- Directory search
-
-constexpr size_t kSlots = 32;
-constexpr size_t kPathSize = 63;  // 62 bytes and the NUL
-constexpr size_t kCommandSize = 128;
-constexpr size_t kCandidateSize = 128;
-
-struct Subdirectories {
-  char path[kSlots][kPathSize];
-  size_t count;
-};
-
-// The command that lists the subdirectories of `dir`. False when it does not fit: cut, it could walk the
-// whole tree.
-bool search_command(const char* dir, char (&command)[kCommandSize]) {
-  // find takes an argument that begins with one of these for a part of its expression.
-  const char* const prefix = *dir != '\0' && std::strchr("-()!,", *dir) != nullptr ? "./" : "";
-  char quoted[kCommandSize];
-  return quote_for_shell(dir, quoted, sizeof quoted) &&
-         std::snprintf(command, kCommandSize, "find %s%s -maxdepth 1 -mindepth 1 -type d", prefix, quoted) <
-             static_cast<int>(kCommandSize);
-}
-
-void list_subdirectories(FILE* pipe, Subdirectories& list) {
-  char line[kPathSize] = {};
-  for (Line read; (read = read_line(pipe, line, sizeof line)) != Line::kEnd;) {
-    if (read == Line::kWhole && list.count < kSlots) std::memcpy(list.path[list.count++], line, sizeof line);
-  }
-}
-
-// ---- GPS
-
-int32_t to_int32(float value) {
-  if (std::isnan(value)) return 0;
-  if (value >= 2147483648.0F) return std::numeric_limits<int32_t>::max();
-  if (value < -2147483648.0F) return std::numeric_limits<int32_t>::min();
-  return static_cast<int32_t>(value);
-}
-
-// Degrees and minutes, dddmm.mmmm, to degrees.
-float to_degrees(float value, bool positive) {
-  const float degrees = static_cast<float>(to_int32(value / 100.0F));
-  const float minutes = fmodf(value, 100.0F);
-  const float result = degrees + minutes / 60.0F;
-  return positive ? result : 0.0F - result;  // a difference, so that 0 stays +0
-}
-
 }  // namespace
-
-// ---- User data records
 
 UserDataHandle* QMXUtil_UserDataOpen(const char* path, int32_t recordSize) {
   if (path == nullptr || recordSize <= 0 || recordSize > QMX_USERDATA_MAX_RECORD) {
@@ -162,8 +95,9 @@ UserDataHandle* QMXUtil_UserDataOpen(const char* path, int32_t recordSize) {
   const auto index_size = static_cast<uint32_t>(count * sizeof(UserDataIndexEntry));
   handle->index = NEW_BLOCK(UserDataIndexEntry, index_size, QMX_FILL_ZERO).release();
   if (handle->index == nullptr) return nullptr;
-  for (size_t i = 0; i < count; ++i)
+  for (size_t i = 0; i < count; ++i) {
     handle->index[i].data = handle->buffer + i * static_cast<size_t>(recordSize);
+  }
   handle->count = static_cast<int32_t>(count);
   handle->recordSize = recordSize;
   return handle.release();
@@ -237,6 +171,30 @@ void QMXUtil_UserDataClose(UserDataHandle* handle) {
 
 // ---- Metadata field
 
+namespace {
+
+// Fills `info` for a file that has the field; traces as `caller` what stands in the way.
+bool find_field(const char* path, QMXReaderInfo& info, const char* caller) {
+  if (path == nullptr) {
+    TRACE_AS(caller, QMX_TRACE_ERROR, "NULL arguments!\n");
+    return false;
+  }
+  ReaderHandle reader = open_reader(path);
+  if (reader == nullptr) {
+    TRACE_AS(caller, QMX_TRACE_ERROR, "QMXReaderOpen ( %s ) failed\n", path);
+    return false;
+  }
+  info = {};
+  const bool found = QMXReaderGetInfo(reader.get(), &info) >= 0 && info.metaPresent != 0;
+  reader.reset();
+  if (!found) TRACE_AS(caller, QMX_TRACE_ERROR, "There's no data in %s file.\n", path);
+  return found;
+}
+
+constexpr uint32_t kContainerWithWords = 1;  // stores a one-byte value as a big-endian 32-bit number
+
+}  // namespace
+
 uint32_t QMXUtil_MetaDataRead(const char* path, int32_t metaType) {
   QMXReaderInfo info;
   if (!find_field(path, info, __func__)) return 0;
@@ -271,11 +229,38 @@ int QMXUtil_MetaDataUpdate(const char* path, int32_t metaType, uint32_t value) {
 
 // ---- Directory search
 
+namespace {
+
+constexpr size_t kSlots = 32;
+constexpr size_t kPathSize = 63;  // 62 bytes and the NUL
+constexpr size_t kCommandSize = 128;
+constexpr size_t kCandidateSize = 128;
+constexpr char kListSubdirectories[] = "find %s -maxdepth 1 -mindepth 1 -type d";
+constexpr char kListSubdirectoriesHere[] = "find ./%s -maxdepth 1 -mindepth 1 -type d";
+
+struct Subdirectories {
+  char path[kSlots][kPathSize];
+  size_t count;
+};
+
+void list_subdirectories(FILE* pipe, Subdirectories& list) {
+  char line[kPathSize] = {};
+  for (Line read; (read = read_line(pipe, line, sizeof line)) != Line::kEnd;) {
+    if (read == Line::kWhole && list.count < kSlots) std::memcpy(list.path[list.count++], line, sizeof line);
+  }
+}
+
+}  // namespace
+
 int QMXUtil_FileSearch(const char* dir, const char* name, char* out, int32_t outSize) {
   if (dir == nullptr || name == nullptr) return 0;
+  // find takes an argument that begins with one of these for a part of its expression.
+  const bool is_expression = *dir != '\0' && std::strchr("-()!,", *dir) != nullptr;
+  const char* const format = is_expression ? kListSubdirectoriesHere : kListSubdirectories;
+  const size_t length = std::strlen(format) - std::strlen("%s") + std::strlen(dir);
+  if (length >= kCommandSize) return 0;  // cut, the command could walk the whole tree
   char command[kCommandSize];
-  if (!search_command(dir, command)) return 0;
-  Pipe pipe(popen(command, "re"));  // "e": no child of another thread inherits it
+  Pipe pipe = open_command(command, format, dir);
   if (pipe == nullptr) return 0;
   Subdirectories list = {};
   list_subdirectories(pipe.get(), list);
@@ -292,6 +277,25 @@ int QMXUtil_FileSearch(const char* dir, const char* name, char* out, int32_t out
 }
 
 // ---- GPS
+
+namespace {
+
+int32_t to_int32(float value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 2147483648.0F) return std::numeric_limits<int32_t>::max();
+  if (value < -2147483648.0F) return std::numeric_limits<int32_t>::min();
+  return static_cast<int32_t>(value);
+}
+
+// Degrees and minutes, dddmm.mmmm, to degrees.
+float to_degrees(float value, bool positive) {
+  const float degrees = static_cast<float>(to_int32(value / 100.0F));
+  const float minutes = std::fmod(value, 100.0F);
+  const float result = degrees + minutes / 60.0F;
+  return positive ? result : 0.0F - result;  // a difference, so that 0 stays +0
+}
+
+}  // namespace
 
 GpsMapPoint QMXUtil_GPSConvToMap(uint8_t latitudeFlag, uint8_t longitudeFlag, float latitude,
                                  float longitude) {

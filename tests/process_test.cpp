@@ -1,4 +1,5 @@
 // Process control: real children, and tools of our own in place of pidof and which.
+#include <dlfcn.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -18,9 +19,10 @@
 #include "replacement_tools.h"
 
 namespace {
-bool settle = false;    // waitpid() begins when the child has ended, so that looking once finds it so
-pid_t victim = 0;       // the one process that may be signalled, a child of the test's own
-int refused_kills = 0;  // attempts at any other: they go nowhere, whatever the code under test does
+bool settle = false;       // waitpid() begins when the child has ended, so that looking once finds it so
+pid_t victim = 0;          // the one process that may be signalled, a child of the test's own
+int refused_kills = 0;     // attempts at any other: they go nowhere, whatever the code under test does
+std::string command_line;  // what popen() was given last
 }  // namespace
 
 // No signal leaves this program but to its own child: a fault in the code under test must not reach the
@@ -30,6 +32,11 @@ extern "C" int kill(pid_t pid, int sig) {
   ++refused_kills;
   errno = EPERM;
   return -1;
+}
+
+extern "C" FILE* popen(const char* command, const char* mode) {
+  command_line = command;
+  return reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"))(command, mode);
 }
 
 extern "C" pid_t waitpid(pid_t pid, int* status, int options) {
@@ -214,10 +221,18 @@ TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
   for (const char* tool : {"pidof", "which"}) {
     tools_.tool(tool, "printf '%s:%s' $# \"$1\" >\"${0%/*}/seen\"; echo 123 45");
   }
-  Texts names = {"", "*", "x; $(touch pwned)", "'; `touch pwned`; '", "a\nb", std::string(200, '\'')};
+  constexpr char kHarmless[] = "azAZ09_./+:,@%-";
+  for (const std::string name : {"prog", kHarmless, ""}) {
+    QMXUtil_ProcessPID(name.c_str());
+    EXPECT_EQ(command_line, "pidof " + name);
+    QMXUtil_ProcessWhich(name.c_str());
+    EXPECT_EQ(command_line, "which " + name);
+    EXPECT_EQ(seen_by_tool(), (name.empty() ? "0:" : "1:") + name);
+  }
+  Texts names = {"*", "x; $(touch pwned)", "'; `touch pwned`; '", "a\nb", std::string(200, '\'')};
   std::mt19937 random(7);
   for (int i = 0; i < 40; ++i) {
-    std::string name(random() % 100, ' ');
+    std::string name(1 + random() % 100, ' ');
     for (char& c : name) c = static_cast<char>(random() % 255 + 1);
     if (name.find('\n') == std::string::npos) names.push_back(name);
   }
@@ -230,6 +245,12 @@ TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
   }
   EXPECT_FALSE(std::filesystem::exists("pwned"));
   expect_messages("", {});
+}
+
+TEST_F(ProcessTest, NoMoreIsReadThanIsLookedAt) {
+  for (const char* tool : {"pidof", "which"}) tools_.tool(tool, "while printf 7777777777; do :; done 2>&-");
+  EXPECT_EQ(QMXUtil_ProcessWhich("some"), 1);
+  EXPECT_EQ(QMXUtil_ProcessPID("some"), 0) << "no process id";
 }
 
 TEST_F(ProcessTest, ToolsThatPrintNothingFindNothing) {
@@ -255,6 +276,8 @@ TEST_F(ProcessTest, KillNeverReachesAGroup) {
   }
   tools_.tool("pidof", "echo 4294967297");  // no process id: must not become another one's
   EXPECT_EQ(QMXUtil_ProcessKill("some", 0), 0);
+  tools_.tool("pidof", "[ \"$*\" ] || [ $# = 0 ] || echo 77");  // small tool boxes answer an empty word so
+  EXPECT_EQ(QMXUtil_ProcessKill("", 0), 0);
   EXPECT_EQ(refused_kills, 0) << "nothing was to be signalled";
 }
 

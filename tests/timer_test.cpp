@@ -1,7 +1,7 @@
 // Interval timers: real timers and signals, and signals that only look like a timer's.
 #include "internal/timer.h"
 
-#include <fcntl.h>
+#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -18,6 +18,15 @@
 
 #include "qmxutil_timer.h"
 #include "recording_base.h"
+
+namespace {
+std::atomic<int> deletions;
+}
+
+extern "C" int timer_delete(timer_t timer) noexcept {
+  ++deletions;
+  return reinterpret_cast<decltype(&timer_delete)>(dlsym(RTLD_NEXT, "timer_delete"))(timer);
+}
 
 namespace {
 
@@ -112,7 +121,11 @@ TEST_F(TimerTest, EachKindOfTimerCallsAsOftenAsItShould) {
     EXPECT_EQ(probe->calls, calls) << probe->msec;
   call_handler(kSignal, timers[1], SI_QUEUE);  // an expiry that was under way when it ended
   EXPECT_EQ(ended.calls, 4);
+  call_handler(kSignal, timers[3], SI_QUEUE);  // a one-shot timer's callback cannot end it
+  EXPECT_EQ(once_nonzero.calls, 2);
+  deletions = 0;
   for (TimerHandle* timer : timers) EXPECT_EQ(QMXUtil_TimerFree(timer), 0);
+  EXPECT_EQ(deletions, 7);
   EXPECT_EQ(QMXUtil_TimerFree(timers[0]) + QMXUtil_TimerFree(nullptr), 0);  // unmapped by now
   const auto texts = recording().trace_texts();  // of the periodic one without a callback
   EXPECT_GT(texts.size(), 1u);
@@ -205,21 +218,37 @@ TEST_F(TimerTest, ASignalPendingWhenItsTimerIsFreedIsSilent) {
   EXPECT_TRUE(recording().traces().empty());
 }
 
-TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
-  Probe inherited, own;
-  TimerHandle* const timer = start(inherited, 1, true);
+// Runs it in a child of fork(), which ends with its result; true when that is 0, within a minute.
+template <class F>
+bool holds_in_child(F call) {
   const pid_t child = fork();
   if (child == 0) {
-    TimerHandle* const second = start(own, 1, true);
-    QMXUtil_TimerFree(timer);  // the system may count the child's timers from the beginning again
-    const bool called = wait_for([&] { return own.calls > 2; });
-    QMXUtil_TimerFree(second);
-    _exit(called && recording().held() == 0 ? 0 : 1);
+    alarm(60);
+    _exit(call() ? 0 : 1);
   }
   int status = -1;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  EXPECT_EQ(status, 0);
+  return status == 0;
+}
+
+// A timer is made, calls back and is freed.
+bool timers_work() {
+  Probe probe;
+  TimerHandle* const timer = start(probe, 1, true);
+  const bool called = wait_for([&] { return probe.calls > 2; });
+  QMXUtil_TimerFree(timer);
+  return called;
+}
+
+TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
+  Probe inherited;
+  TimerHandle* const timer = start(inherited, 1, true);
+  EXPECT_TRUE(holds_in_child([&] {
+    deletions = 0;
+    QMXUtil_TimerFree(timer);
+    return deletions == 0 && timers_work() && deletions == 1 && recording().held() == 0;
+  }));
   EXPECT_TRUE(wait_for([&] { return inherited.calls > 2; }));
   QMXUtil_TimerFree(timer);
 }
@@ -253,6 +282,51 @@ TEST_F(TimerTest, CreatingAndFreeingWaitForARunningCallback) {
   EXPECT_EQ(call.did_not_wait, 0);
   EXPECT_EQ(call.freed + call.made, 2);
   QMXUtil_TimerFree(made);
+}
+
+int run_until_freed(void* arg) {
+  LongCallback& call = *static_cast<LongCallback*>(arg);
+  call.runs = true;
+  return wait_for([&] { return call.freed != 0; }) ? 0 : 1;
+}
+
+// Forks in a callback, and waits for what the child does after it has returned there.
+int fork_in_callback(void* arg) {
+  const pid_t child = fork();
+  static_cast<std::atomic<pid_t>*>(arg)->store(child == 0 ? -1 : child);
+  return 0;
+}
+
+TEST_F(TimerTest, AChildDoesNotWaitForACallbackOfItsParent) {
+  LongCallback call;
+  TimerHandle* timer = nullptr;
+  std::thread other([&] {  // the callback runs here
+    timer = QMXUtil_TimerNew(1, 0, run_until_freed, &call);
+    wait_for([&] { return call.freed != 0; });
+  });
+  const sigset_t open = block_timer_signal();
+  ASSERT_TRUE(wait_for([&] { return call.runs.load(); }));
+  EXPECT_TRUE(holds_in_child([&] {
+    pthread_sigmask(SIG_SETMASK, &open, nullptr);
+    return timers_work() && QMXUtil_TimerFree(timer) == 0;
+  }));
+  call.freed = 1;
+  other.join();
+  pthread_sigmask(SIG_SETMASK, &open, nullptr);
+  QMXUtil_TimerFree(timer);
+
+  std::atomic<pid_t> child = 0;
+  timer = QMXUtil_TimerNew(1, 0, fork_in_callback, &child);
+  wait_for([&] { return child != 0; });
+  if (child == -1) {
+    alarm(60);
+    _exit(timers_work() ? 0 : 1);
+  }
+  int status = -1;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  EXPECT_EQ(status, 0);
+  QMXUtil_TimerFree(timer);
 }
 
 // Freed records are unmapped and their addresses soon taken again; the recording base library takes a lock of

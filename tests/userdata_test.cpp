@@ -269,7 +269,7 @@ TEST_F(FileSearchTest, TheFirstSubdirectoryThatHasTheEntryIsFound) {
   std::filesystem::create_directories("b/wanted");
   dir_.write("wanted", "not in a subdirectory");
   EXPECT_EQ(search(dir_.path() + "/", "wanted"), dir_.file("b/wanted"));
-  EXPECT_EQ(search(".", "only") + search("none", "wanted") + search("", "wanted"), "---");
+  EXPECT_EQ(search(".", "only") + search("none", "wanted"), "--");
   EXPECT_EQ(QMXUtil_FileSearch(nullptr, "wanted", nullptr, 0) + QMXUtil_FileSearch(".", nullptr, nullptr, 0),
             0);
   char cut[9] = "--------";
