@@ -34,8 +34,10 @@ struct Entry {
 // characters. On the memory file system, there for as long as the program runs.
 class Sample {
  public:
-  explicit Sample(size_t size)
-      : path_("/dev/shm/qmxutil_bench." + std::to_string(getpid()) + "." + std::to_string(size)) {
+  explicit Sample(size_t size) : path_("/dev/shm/qmxutil_bench.XXXXXX") {
+    const int descriptor = mkstemp(path_.data());
+    if (descriptor < 0) std::abort();
+    close(descriptor);
     static constexpr const char* kNames[] = {"exposure",        "brightness",  "gain",        "volume",
                                              "network_timeout", "record.path", "motion_area", "bitrate"};
     uint32_t random = 1;
@@ -68,15 +70,6 @@ class Sample {
   std::string path_;
   std::array<Entry, kLookUps> wanted_;
 };
-
-const Sample& small_sample() {
-  static const Sample sample(4 * 1024);
-  return sample;
-}
-const Sample& large_sample() {
-  static const Sample sample(200 * 1024);
-  return sample;
-}
 
 void require(bool done) {
   if (!done) std::abort();
@@ -165,25 +158,27 @@ void look_up_inih(benchmark::State& state, const Sample& sample) {
 }
 #endif
 
-using Function = void (*)(benchmark::State&, const Sample&);
+// Each on a file of its own: what a commit has changed is not what another row reads.
+template <size_t size, auto function>
+void on_sample(benchmark::State& state) {
+  static const Sample sample(size);
+  function(state, sample);
+}
 
-void add(const std::string& work, const std::string& peer, double small_bar, double large_bar, Function ours,
-         Function theirs) {
-  bench::add_row(
-      work + ", 4 KiB INI", peer, small_bar, [=](benchmark::State& state) { ours(state, small_sample()); },
-      [=](benchmark::State& state) { theirs(state, small_sample()); });
-  bench::add_row(
-      work + ", 200 KiB INI", peer, large_bar, [=](benchmark::State& state) { ours(state, large_sample()); },
-      [=](benchmark::State& state) { theirs(state, large_sample()); });
+template <auto ours, auto theirs>
+void add(const std::string& work, const std::string& peer, double small_bar, double large_bar) {
+  constexpr size_t kSmall = 4 * 1024, kLarge = 200 * 1024;
+  bench::add_row(work + ", 4 KiB INI", peer, small_bar, on_sample<kSmall, ours>, on_sample<kSmall, theirs>);
+  bench::add_row(work + ", 200 KiB INI", peer, large_bar, on_sample<kLarge, ours>, on_sample<kLarge, theirs>);
 }
 
 const bench::Rows rows([] {
 #ifdef HAVE_GLIB
-  add("open, 20 look-ups, close", "GLib key file", 0.4, 0.4, look_up, look_up_glib);
-  add("change a value and commit", "GLib key file", 0.5, 0.4, commit, commit_glib);
+  add<look_up, look_up_glib>("open, 20 look-ups, close", "GLib key file", 0.4, 0.4);
+  add<commit, commit_glib>("change a value and commit", "GLib key file", 0.5, 0.4);
 #endif
 #ifdef HAVE_INIH
-  add("open, 20 look-ups, close", "inih", 0.4, 0.4, look_up, look_up_inih);
+  add<look_up, look_up_inih>("open, 20 look-ups, close", "inih", 0.4, 0.4);
 #endif
 });
 
