@@ -1,5 +1,6 @@
-/* Tells what an MP3 file is, frame by frame; without an argument, what an AAC track's two bytes say. */
+/* Tells what an MP3 file is, read piece by piece; without an argument, what an AAC track's two bytes say. */
 #include <stdio.h>
+#include <string.h>
 
 #include "qmxutil_audio.h"
 
@@ -12,41 +13,53 @@ static int describe_aac(void) {
   return 0;
 }
 
-static int describe_mp3(const uint8_t* data, uint32_t length) {
-  AudioInfo info = {0};
+static int describe_mp3(FILE* file) {
+  static uint8_t data[16384]; /* more than the four longest frames, of which three confirm the first */
   const uint8_t* position = data;
-  uint32_t remaining = length, frame_length, samples, frames = 0;
+  uint32_t remaining = 0, arrived, frame_length, samples, frames = 0;
+  AudioInfo info = {0};
   double seconds = 0;
-  if (QMXUtil_GetMP3Info(data, length, &info, NULL) == 0) {
+  for (;;) {
+    const uint8_t* const begin = position;
+    const uint8_t* const frame = QMXUtil_GetMP3Frame(&position, &remaining, &frame_length, &samples);
+    if (frame != NULL && frame_length <= remaining) {
+      if (frames++ == 0) QMXUtil_GetMP3Info(frame, remaining, &info, NULL);
+      seconds += (double)samples / info.sampleRate;
+      position += frame_length;
+      remaining -= frame_length;
+      continue;
+    }
+    /* The search moved on to a header that is not confirmed yet: keep the byte before it too. */
+    if (frame == NULL && position > begin) {
+      --position;
+      ++remaining;
+    }
+    memmove(data, position, remaining);
+    arrived = (uint32_t)fread(data + remaining, 1, sizeof data - remaining, file);
+    if (arrived == 0) break;
+    position = data;
+    remaining += arrived;
+  }
+  if (frames == 0) {
     printf("no MP3 frame\n");
     return 1;
   }
   printf("MP3: %u Hz, %u channels, %u bit/s in the first frame\n", info.sampleRate, info.channels,
          info.bitRate);
-
-  /* The search moves to the frame; the walk moves on behind it, as long as it is all there. */
-  while (QMXUtil_GetMP3Frame(&position, &remaining, &frame_length, &samples) != NULL &&
-         frame_length <= remaining) {
-    position += frame_length;
-    remaining -= frame_length;
-    seconds += (double)samples / info.sampleRate;
-    ++frames;
-  }
-  printf("%u frames, %.3f s, %u bytes behind them\n", frames, seconds, remaining);
+  printf("%u frames, %.3f s, %u bytes after them\n", frames, seconds, remaining);
   return 0;
 }
 
 int main(int argc, char** argv) {
-  static uint8_t data[1 << 20];
   FILE* file;
-  size_t length;
+  int result;
   if (argc < 2) return describe_aac();
   file = fopen(argv[1], "rb");
   if (file == NULL) {
     perror(argv[1]);
     return 1;
   }
-  length = fread(data, 1, sizeof data, file);
+  result = describe_mp3(file);
   fclose(file);
-  return describe_mp3(data, (uint32_t)length);
+  return result;
 }

@@ -50,13 +50,13 @@ int main(int argc, char** argv) {
   printf("profile %u, level %u, samples with %u-byte lengths\n", profile.profile, profile.level,
          profile.nalLengthSize);
 
-  /* 2. What the decoder is fed first: the parameter sets behind start codes. */
+  /* 2. What the decoder is fed first: the parameter sets after start codes. */
   QMXUtil_ConvH264InfoToStartCode(record, &length);
   printf("%u bytes of parameter sets for the decoder\n", length);
 
-  /* 3. The size. The record's first unit is the SPS: behind a start code (4) and its header (1). Its
+  /* 3. The size. The record's first unit is the SPS: after a start code (4) and its header (1). Its
    * emulation prevention bytes are removed on a copy, the decoder wants them in place. Reading on into the
-   * PPS does no harm: the parser stops behind the picture size. */
+   * PPS does no harm: the parser stops after the picture size. */
   if (length <= 5) return refused("no parameter set in it");
   sps_length = length - 5 < sizeof sps ? length - 5 : (uint32_t)sizeof sps;
   memcpy(sps, record + 5, sps_length);

@@ -68,9 +68,7 @@ void convert_records(const Bytes& data) {
   for (const auto convert :
        {QMXUtil_ConvH264InfoToStartCode, QMXUtil_ConvH265InfoToStartCode, QMXUtil_ConvHEVCInfoToStartCode}) {
     Bytes record = data;
-    const uint32_t counts = convert == QMXUtil_ConvH264InfoToStartCode ? 7 : 4;
-    const uint32_t units = size > counts ? size - counts : 0;  // of 3 bytes at least, which become 5
-    record.resize(convert == QMXUtil_ConvHEVCInfoToStartCode ? size : std::max(size, units + units / 3 * 2));
+    record.resize(convert == QMXUtil_ConvHEVCInfoToStartCode ? size : 2 * size);
     uint32_t length = size;
     convert(record.data(), &length);
     require(length <= record.size());
@@ -79,7 +77,7 @@ void convert_records(const Bytes& data) {
   uint32_t length = 0;
   const H264ProfileInfo profile = {100, 0, 40, 4, 1};
   UtilConvH264InfoFromStartCode(data.data(), size, out.data(), &length, &profile);
-  require(length <= size + 7);
+  require(size == 0 ? length == 0 : length <= size + 7);
   Bytes units(size);
   QMXUtil_ConvH26xExtraDataFromStartCode(data.data(), static_cast<int32_t>(size), units.data(), &length);
   require(length <= size);

@@ -20,11 +20,11 @@
 
 /** What is known of an audio stream. */
 typedef struct AudioInfo {
-  uint32_t format;      /**< format code, numbered like WAVE format tags */
-  uint32_t sampleRate;  /**< samples per second */
-  uint32_t channels;    /**< MP3: 1 or 2. AAC: the 4-bit channel configuration (7 stands for 8 channels) */
-  uint32_t reserved[3]; /**< the caller's; never touched here */
-  uint32_t bitRate;     /**< bits per second */
+  uint32_t format;     /**< format code, numbered like WAVE format tags */
+  uint32_t sampleRate; /**< samples per second */
+  uint32_t channels;   /**< MP3: 1 or 2. AAC: the 4-bit channel configuration (7 stands for 8 channels) */
+  uint32_t user[3];    /**< the caller's; never touched here */
+  uint32_t bitRate;    /**< bits per second */
 } AudioInfo;
 
 /** The fields of one 32-bit MPEG audio frame header, under the names of ISO/IEC 11172-3, 2.4.1.3. */
@@ -33,8 +33,8 @@ typedef struct MP3HeaderInfo {
   uint32_t layer;        /**< 1, 2 or 3; 4 for the reserved code */
   uint32_t crc;          /**< 1: a 16-bit CRC follows the header */
   uint32_t bitrateIndex; /**< last index into MP3Bitrate */
-  uint32_t
-      sampleRateIndex;    /**< index into MP3SampleRate; 9 (outside it) for MPEG-2.5 with the reserved code */
+  /** index into MP3SampleRate; 9 (outside it) for MPEG-2.5 with the reserved code */
+  uint32_t sampleRateIndex;
   uint32_t padding;       /**< 1: the frame is one byte longer */
   uint32_t privateBit;    /**< private_bit */
   uint32_t mode;          /**< 0 stereo, 1 joint stereo, 2 dual channel, 3 single channel */
@@ -45,7 +45,7 @@ typedef struct MP3HeaderInfo {
   uint32_t lsf;           /**< 1: low sampling frequencies (MPEG-2, MPEG-2.5), 0: MPEG-1 */
   uint32_t mpeg25;        /**< 1: MPEG-2.5 */
   uint32_t channels;      /**< 1 or 2 */
-  uint32_t reserved[2];   /**< the caller's; never touched here */
+  uint32_t user[2];       /**< the caller's; never touched here */
   uint32_t frameSize;     /**< Layer III: bytes of the frame without its 4-byte header; 0: free format */
 } MP3HeaderInfo;
 
@@ -93,15 +93,19 @@ QMX_API uint32_t UtilDecode_mp3header(MP3HeaderInfo* out, uint32_t header);
  * pattern inside other data is passed over, and the last three frames of a stream are found only by a caller
  * that walks from frame to frame (position += frameLength, remaining -= frameLength).
  *
- * Null, without a message, is given when 4 bytes or fewer are left, or when the data ends before a header
- * could be confirmed. The position then stands at that header, or at the last 4 bytes: append what arrives
- * later and call again.
+ * Null, without a message, is given when 4 bytes or fewer are left (nothing moves then), or when the data
+ * ends before a header could be confirmed. The position then stands at that header, or at the last 4 bytes.
  *
- * @param data             in: the position; out: where the search ended
- * @param remaining        in: bytes from there; out: bytes from where the search ended
- * @param frameLength      where the bytes of the whole frame with its header are stored; may be null. May be
- *                         more than what remains: the frame's end has not arrived yet
- * @param samplesPerFrame  where the samples per channel of the frame (1152 or 576) are stored; may be null
+ * Data that arrives piece by piece: when null is returned and the position has moved, the header there is not
+ * confirmed, and would be taken at once by a call that begins there. So keep one byte more, from
+ * position - 1 on, append what arrives and begin at that byte, which is no header. When the position has not
+ * moved, keep what is from there on and begin there. The frames are then those of the data in one piece.
+ *
+ * @param[in,out] data       in: the position; out: where the search ended
+ * @param[in,out] remaining  in: bytes from there; out: bytes from where the search ended
+ * @param frameLength        where the bytes of the whole frame with its header are stored; may be null. May
+ *                           be more than what remains: the frame's end has not arrived yet
+ * @param samplesPerFrame    where the samples per channel of the frame (1152 or 576) are stored; may be null
  * @return the first byte of the frame, equal to *data then, or null (frameLength and samplesPerFrame are then
  *         not written).
  */

@@ -12,6 +12,7 @@
 #include "internal/big_endian.h"
 #include "internal/bit_reader.h"
 #include "internal/first_frame.h"
+#include "internal/frame_buffer.h"
 #include "internal/handles.h"
 #include "internal/simd/emulation_prevention.h"
 #include "internal/start_code.h"
@@ -74,17 +75,17 @@ uint32_t vlc_Golomb(QMXBit* handle) {
 
 namespace {
 
-constexpr uint32_t kNalTypeMask = 0x1F;
-constexpr uint32_t kNalSlice = 1;
-constexpr uint32_t kNalIdrSlice = 5;
-constexpr uint32_t kNalSei = 6;
-constexpr uint32_t kNalSps = 7;
-constexpr uint32_t kNalPps = 8;
-constexpr uint32_t kNalAccessUnitDelimiter = 9;
+constexpr uint32_t kH264NalTypeMask = 0x1F;
+constexpr uint32_t kH264NalSlice = 1;
+constexpr uint32_t kH264NalIdrSlice = 5;
+constexpr uint32_t kH264NalSei = 6;
+constexpr uint32_t kH264NalSps = 7;
+constexpr uint32_t kH264NalPps = 8;
+constexpr uint32_t kH264NalAccessUnitDelimiter = 9;
 
 constexpr uint32_t kChromaFormat444 = 3;
 constexpr uint32_t kScalingLists = 8;
-constexpr uint32_t kScalingLists4x4 = 6;  // the first ones; those behind them are 8x8
+constexpr uint32_t kScalingLists4x4 = 6;  // the first ones; the later ones are 8x8
 constexpr uint32_t kMacroblock = 16;
 
 bool has_chroma_format(uint32_t profile_idc) {
@@ -132,14 +133,6 @@ void skip_pic_order_cnt(BitReader& in, uint64_t bits) {
 
 }  // namespace
 
-uint32_t UtilToUpperVideoFourCC(uint32_t fourcc) {
-  char text[sizeof fourcc + 1] = {};
-  std::memcpy(text, &fourcc, sizeof fourcc);
-  QMXUtilStrntoupper(text, sizeof fourcc);
-  std::memcpy(&fourcc, text, sizeof fourcc);
-  return fourcc;
-}
-
 uint8_t UtilGetSPSPPSInfo(const uint8_t* sps, uint32_t length, VideoInfo* size, H264ProfileInfo* profile) {
   const BitHandle handle = open_bits(sps, length);
   if (!handle) return false;
@@ -179,7 +172,7 @@ uint8_t QMXUtil_GetH264Info(const uint8_t* config, uint32_t length, VideoInfo*, 
   in.skip(3);                            // reserved
   in.skip(5);                            // numOfSequenceParameterSets
   in.skip(16);                           // sequenceParameterSetLength
-  if ((in.u(8) & kNalTypeMask) != kNalSps) return false;
+  if ((in.u(8) & kH264NalTypeMask) != kH264NalSps) return false;
   profile->profile = in.u(8);        // profile_idc
   profile->compatibility = in.u(8);  // constraint_set flags
   profile->level = in.u(8);          // level_idc
@@ -188,13 +181,30 @@ uint8_t QMXUtil_GetH264Info(const uint8_t* config, uint32_t length, VideoInfo*, 
 
 int UtilSetH264Info(uint8_t*, uint32_t, const VideoInfo*, const H264ProfileInfo*) { return -1; }
 
+// ---- Emulation prevention (ISO/IEC 14496-10, 7.4.1; ISO/IEC 23008-2, 7.4.2)
+
+void QMXUtil_H26xRemoveEPB(uint8_t* data, uint32_t* length) {
+  const size_t end = *length;
+  size_t read = 0, written = 0;
+  while (read < end) {
+    const size_t kept = move_to_emulation_prevention(data, written, read, end);
+    written += kept;
+    read += kept + 1;
+    while (read + 1 < end && data[read] == 0 && data[read + 1] == 3) {  // the byte removed counts as a zero
+      data[written++] = 0;
+      read += 2;
+    }
+  }
+  *length = static_cast<uint32_t>(written);
+}
+
 // ---- H.265 parameter sets (ISO/IEC 23008-2, 7.3.2 and 7.3.3; ISO/IEC 14496-15, 8.3.3.1)
 
 namespace {
 
-constexpr uint8_t kVpsHeader = 0x40;  // first byte of the NAL unit header, nuh_layer_id below 32
-constexpr uint8_t kSpsHeader = 0x42;
-constexpr uint8_t kPpsHeader = 0x44;
+constexpr uint8_t kH265VpsHeader = 0x40;  // first byte of the NAL unit header, nuh_layer_id below 32
+constexpr uint8_t kH265SpsHeader = 0x42;
+constexpr uint8_t kH265PpsHeader = 0x44;
 constexpr uint32_t kH265NalHeaderSize = 2;
 constexpr uint8_t kMostSubLayersMinus1 = 6;
 constexpr uint8_t kProfileIdcMask = 0x1F;
@@ -218,9 +228,9 @@ void locate_parameter_sets(const uint8_t* data, size_t length, H265ParamSetInfo&
   const uint8_t *vps = nullptr, *sps = nullptr, *pps = nullptr;
   for (size_t at = find_start_code(data, 0, length); length - at > kStartCodeSize;) {
     const uint8_t* const nal = data + at + kStartCodeSize;
-    if (*nal == kVpsHeader) vps = nal;
-    if (*nal == kSpsHeader) sps = nal;
-    if (*nal == kPpsHeader) pps = nal;
+    if (*nal == kH265VpsHeader) vps = nal;
+    if (*nal == kH265SpsHeader) sps = nal;
+    if (*nal == kH265PpsHeader) pps = nal;
     if (vps != nullptr && sps != nullptr && pps != nullptr) break;
     at = find_start_code(data, at + kStartCodeSize, length);
   }
@@ -264,42 +274,24 @@ bool read_sps(H265ParamSetInfo& out) {
   out.sps_max_sub_layers_minus1 = in.u8(3);
   in.skip(1);  // sps_temporal_id_nesting_flag
   QMXUtil_H26xGetProfileTierLevel(handle.get(), &out.spsProfileTierLevel, out.sps_max_sub_layers_minus1);
-  out.sps_seq_parameter_set_id = static_cast<uint8_t>(UtilGetUE(handle.get()));
-  out.chroma_format_idc = static_cast<uint8_t>(UtilGetUE(handle.get()));
-  out.pic_width_in_luma_samples = static_cast<uint16_t>(UtilGetUE(handle.get()));
-  out.pic_height_in_luma_samples = static_cast<uint16_t>(UtilGetUE(handle.get()));
+  out.sps_seq_parameter_set_id = static_cast<uint8_t>(in.ue_by_bit());
+  out.chroma_format_idc = static_cast<uint8_t>(in.ue_by_bit());
+  out.pic_width_in_luma_samples = static_cast<uint16_t>(in.ue_by_bit());
+  out.pic_height_in_luma_samples = static_cast<uint16_t>(in.ue_by_bit());
   return true;
 }
 
-// `function` is the exported function's name, which is the one traced.
-#define TRACE_PARSED(...) QMX_Trace(MODULE, QMX_TRACE_VERBOSE, __FILE_NAME__, __LINE__, function, __VA_ARGS__)
-
 void trace_profile(const char* function, const H265ProfileTierLevel& profile) {
-  TRACE_PARSED("profile_space %d, tier_flag %d, profile_idc %d, level_idc %d\n",
-               profile.general_profile_space, profile.general_tier_flag, profile.general_profile_idc,
-               profile.general_level_idc);
-  for (const uint8_t flag : profile.general_profile_compatibility_flag) TRACE_PARSED("%d ", flag);
-  TRACE_PARSED("\n");
+  TRACE_AS(function, QMX_TRACE_VERBOSE, "profile_space %d, tier_flag %d, profile_idc %d, level_idc %d\n",
+           profile.general_profile_space, profile.general_tier_flag, profile.general_profile_idc,
+           profile.general_level_idc);
+  for (const uint8_t flag : profile.general_profile_compatibility_flag) {
+    TRACE_AS(function, QMX_TRACE_VERBOSE, "%d ", flag);
+  }
+  TRACE_AS(function, QMX_TRACE_VERBOSE, "\n");
 }
-
-#undef TRACE_PARSED
 
 }  // namespace
-
-void QMXUtil_H26xRemoveEPB(uint8_t* data, uint32_t* length) {
-  const size_t end = *length;
-  size_t read = 0, written = 0;
-  while (read < end) {
-    const size_t kept = move_to_emulation_prevention(data, written, read, end);
-    written += kept;
-    read += kept + 1;
-    while (read + 1 < end && data[read] == 0 && data[read + 1] == 3) {  // the byte removed counts as a zero
-      data[written++] = 0;
-      read += 2;
-    }
-  }
-  *length = static_cast<uint32_t>(written);
-}
 
 void QMXUtil_H26xGetProfileTierLevel(QMXBit* handle, H265ProfileTierLevel* out, uint8_t maxSubLayersMinus1) {
   BitReader in(handle);
@@ -389,15 +381,12 @@ namespace {
 
 constexpr uint32_t kAvccHeaderSize = 6;  // to the first parameter set
 constexpr uint32_t kAvccCopySlack = 16;
-constexpr uint32_t kAvccLeastGroup = 4;  // a group of this many bytes or fewer is not looked at
-constexpr uint32_t kAvccCounts = 7;  // all that is no parameter set: the header and numOfPictureParameterSets
+constexpr uint32_t kAvccLeastGroup = 4;   // a group of this many bytes or fewer is not looked at
 constexpr uint32_t kHvccHeaderSize = 23;  // to the first array
 constexpr uint32_t kHvccArrayHeader = 3;  // NAL unit type, numNalus
 constexpr int kHvccArrays = 3;
-constexpr uint32_t kHvccCounts = 4;       // of one array: numOfArrays and the array's header
 constexpr uint32_t kUnitLengthSize = 2;   // of a NAL unit in a record
-constexpr uint32_t kLeastUnit = 3;        // a NAL unit in a record has one byte at least behind its length
-constexpr uint8_t kSpsHeaderByte = 0x67;  // nal_ref_idc 3, SPS
+constexpr uint8_t kH264SpsHeader = 0x67;  // nal_ref_idc 3, SPS
 
 // Writes a start code and a NAL unit; the result is where the next one goes.
 uint8_t* put_unit(uint8_t* out, Bytes nal) {
@@ -406,7 +395,7 @@ uint8_t* put_unit(uint8_t* out, Bytes nal) {
   return out + kStartCodeSize + nal.size();
 }
 
-// Takes a NAL unit behind a 2-byte length off the front; nothing when it is not there whole.
+// Takes a NAL unit after a 2-byte length off the front; nothing when it is not there whole.
 std::optional<Bytes> take_unit(Bytes& rest) {
   if (rest.size() < kUnitLengthSize) return std::nullopt;
   const size_t length = load_be16(rest.data());
@@ -416,25 +405,20 @@ std::optional<Bytes> take_unit(Bytes& rest) {
   return nal;
 }
 
-// What a caller has room for: the record itself, or if that is longer what the smallest NAL units become that
-// fit into a valid record of this size, each 2 bytes more. Units of no bytes would double.
-size_t room_for_units(size_t record, size_t counts) {
-  const size_t units = record - std::min(record, counts);
-  return std::max(record, units + units / kLeastUnit * (kStartCodeSize - kUnitLengthSize));
-}
-
-// Moves `count` NAL units from the front of `rest` to `out`; false when the data or the room ends first.
-bool convert_group(uint32_t count, Bytes& rest, uint8_t*& out, const uint8_t* room_end) {
+// Moves `count` NAL units from the front of `rest` to `out`; false when the data ends first. A unit takes at
+// least the 2 bytes of its length and becomes 2 longer: the result is at most twice the record.
+bool convert_group(uint32_t count, Bytes& rest, uint8_t*& out) {
   for (; count > 0; --count) {
     const std::optional<Bytes> nal = take_unit(rest);
-    if (!nal || static_cast<size_t>(room_end - out) < kStartCodeSize + nal->size()) return false;
+    if (!nal) return false;
     out = put_unit(out, *nal);
   }
   return true;
 }
 
-// The arrays of an hvcC record, `rest` bytes of them, to `out`; the result is the end of what was written.
-uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out, const uint8_t* room_end) {
+// The arrays of an hvcC record, `rest` bytes of them, to `out`; the result is the end of what was written,
+// at most twice as much.
+uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out) {
   int error = 0;
   if (rest == 0) return out;
   uint32_t arrays = QMXByte_Get_char(in, &error);  // numOfArrays
@@ -447,7 +431,7 @@ uint8_t* convert_arrays(QMXByte* in, uint32_t rest, uint8_t* out, const uint8_t*
       if (rest < kUnitLengthSize) return out;
       const uint32_t length = QMXByte_Get_be_int16(in, &error);  // nalUnitLength
       rest -= kUnitLengthSize;
-      if (rest < length || static_cast<size_t>(room_end - out) < kStartCodeSize + length) return out;
+      if (rest < length) return out;
       std::memcpy(out, kStartCode, kStartCodeSize);
       QMXByte_Get_string(in, out + kStartCodeSize, length, &error);
       out += kStartCodeSize + length;
@@ -462,7 +446,7 @@ uint8_t* put_bytes(uint8_t* out, const uint8_t* bytes, size_t count) {
   return out + count;
 }
 
-// Writes a NAL unit behind its 2-byte length; the result is where the next one goes.
+// Writes a NAL unit after its 2-byte length; the result is where the next one goes.
 uint8_t* put_unit_with_length(uint8_t* out, const uint8_t* nal, size_t length) {
   uint8_t* const end = put_bytes(out + kUnitLengthSize, nal, length);
   store_be16(out, length);
@@ -471,9 +455,20 @@ uint8_t* put_unit_with_length(uint8_t* out, const uint8_t* nal, size_t length) {
 
 // A group of parameter sets in a record that is being written.
 struct Group {
-  uint8_t* count = nullptr;  // where the count goes, in front of the first one
+  uint8_t* count = nullptr;  // where the count goes, before the first one
   uint32_t units = 0;
 };
+
+// Fills in the count of a group, after its reserved bits; a group of no units has a count of 0 at the end of
+// the record. The result is where the record ends.
+uint8_t* put_count(uint8_t* end, const Group& group, uint32_t reserved) {
+  if (group.units == 0) {
+    *end = 0;
+    return end + 1;
+  }
+  *group.count = static_cast<uint8_t>(reserved | group.units);
+  return end;
+}
 
 }  // namespace
 
@@ -484,14 +479,13 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
   if (!copy) return;
   put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
-  const uint8_t* const room_end = data + room_for_units(*length, kAvccCounts);
   if (*length > kAvccHeaderSize) {
     Bytes rest(copy.get() + kAvccHeaderSize, *length - kAvccHeaderSize);
     const uint32_t numOfSequenceParameterSets = copy.get()[5] & 0x1F;
-    if (convert_group(numOfSequenceParameterSets, rest, end, room_end) && rest.size() > kAvccLeastGroup) {
+    if (convert_group(numOfSequenceParameterSets, rest, end) && rest.size() > kAvccLeastGroup) {
       const uint32_t numOfPictureParameterSets = rest[0];
       rest = rest.subspan(1);
-      convert_group(numOfPictureParameterSets, rest, end, room_end);
+      convert_group(numOfPictureParameterSets, rest, end);
     }
   }
   *length = static_cast<uint32_t>(end - data);
@@ -505,7 +499,7 @@ void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
   Bytes rest = Bytes(copy.get(), *length).subspan(std::min(*length, kHvccHeaderSize));
   for (int i = 0; i < kHvccArrays && rest.size() > kHvccArrayHeader; ++i) {
     rest = rest.subspan(kHvccArrayHeader);
-    if (!convert_group(1, rest, end, data + *length)) break;
+    if (!convert_group(1, rest, end)) break;
   }
   *length = static_cast<uint32_t>(end - data);
 }
@@ -516,8 +510,7 @@ void QMXUtil_ConvH265InfoToStartCode(uint8_t* data, uint32_t* length) {
   put_bytes(copy.get(), data, *length);
   const ByteHandle handle(QMXByte_Open(copy.get(), *length));
   if (!handle) return;
-  const uint8_t* const room_end = data + room_for_units(*length, kHvccCounts);
-  *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data, room_end) - data);
+  *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data) - data);
 }
 
 void UtilConvH264InfoFromStartCode(const uint8_t* data, uint32_t length, uint8_t* out, uint32_t* outLength,
@@ -538,13 +531,12 @@ void UtilConvH264InfoFromStartCode(const uint8_t* data, uint32_t length, uint8_t
   while (at < length) {
     const size_t nal = at + kStartCodeSize;
     at = find_start_code(data, nal, length);
-    Group& group = nal < length && data[nal] == kSpsHeaderByte ? sps : pps;
+    Group& group = nal < length && data[nal] == kH264SpsHeader ? sps : pps;
     if (group.units++ == 0) group.count = end++;
     end = put_unit_with_length(end, data + nal, at - nal);
   }
-  if (sps.units > 0)
-    *sps.count = static_cast<uint8_t>(0xE0 | sps.units);            // reserved, numOfSequenceParameterSets
-  if (pps.units > 0) *pps.count = static_cast<uint8_t>(pps.units);  // numOfPictureParameterSets
+  end = put_count(end, sps, 0xE0);  // reserved, numOfSequenceParameterSets
+  end = put_count(end, pps, 0);     // numOfPictureParameterSets
   *outLength = static_cast<uint32_t>(end - out);
 }
 
@@ -595,43 +587,62 @@ constexpr uint32_t kBitRateUnit = 400;  // bit/s
 // Frames in 1000 seconds by frame_rate_code; the reserved codes have none.
 constexpr uint32_t MPEGFrameRate[16] = {0, 23975, 24000, 25000, 29970, 30000, 50000, 59940, 60000};
 
+struct SequenceHeader {
+  uint32_t horizontal_size_value = 0;
+  uint32_t vertical_size_value = 0;
+  uint32_t frame_rate_code = 0;
+  uint32_t bit_rate_value = 0;
+};
+
+bool read_sequence_header(BitReader in, SequenceHeader& header) {
+  if (in.u(32) != kSequenceHeaderCode) return false;  // sequence_header_code
+  header.horizontal_size_value = in.u(12);
+  header.vertical_size_value = in.u(12);
+  in.skip(4);  // aspect_ratio_information
+  header.frame_rate_code = in.u(4);
+  header.bit_rate_value = in.u(18);
+  return true;
+}
+
 struct SequenceExtension {
   uint32_t bit_rate_extension = 0;
   uint32_t frame_rate_extension_n = 0;
   uint32_t frame_rate_extension_d = 0;
 };
 
-// Reads the sequence extension if it is one that stands at an extension start code.
-std::optional<SequenceExtension> read_sequence_extension(BitReader& in) {
-  SequenceExtension extension;
-  in.skip(32);                                               // extension_start_code
-  if (in.u(4) != kSequenceExtensionId) return std::nullopt;  // extension_start_code_identifier
-  in.skip(8);                                                // profile_and_level_indication
-  in.skip(1);                                                // progressive_sequence
-  in.skip(2);                                                // chroma_format
-  in.skip(2);                                                // horizontal_size_extension
-  in.skip(2);                                                // vertical_size_extension
+// Of an extension of any kind: false when it is not a sequence extension.
+bool read_sequence_extension(BitReader in, SequenceExtension& extension) {
+  in.skip(32);                                        // extension_start_code
+  if (in.u(4) != kSequenceExtensionId) return false;  // extension_start_code_identifier
+  in.skip(8);                                         // profile_and_level_indication
+  in.skip(1);                                         // progressive_sequence
+  in.skip(2);                                         // chroma_format
+  in.skip(2);                                         // horizontal_size_extension
+  in.skip(2);                                         // vertical_size_extension
   extension.bit_rate_extension = in.u(12);
-  in.skip(1);  // marker_bit
+  in.marker();
   in.skip(8);  // vbv_buffer_size_extension
   in.skip(1);  // low_delay
   extension.frame_rate_extension_n = in.u(2);
   extension.frame_rate_extension_d = in.u(5);
-  return extension;
+  return true;
 }
 
-// The first sequence extension behind `data`; false when there is no bit reader to be had.
+// Moves to the first sequence header and reads it; false when there is none, or no bit reader to be had.
+bool find_sequence_header(const uint8_t*& data, uint32_t& length, SequenceHeader& found) {
+  if (!QMXUtil_FindStartCode2(&data, &length, kSequenceHeaderCode)) return false;
+  const BitHandle handle = open_bits(data, length);
+  return handle && read_sequence_header(BitReader(handle.get()), found);
+}
+
+// Reads the first sequence extension from `data` on, if any; false when there is no bit reader to be had.
 bool find_sequence_extension(const uint8_t* data, uint32_t length, SequenceExtension& found) {
   uint32_t code;
   for (; QMXUtil_FindStartCode(&data, &length, &code); ++data, --length) {
     if (code != kExtensionStartCode) continue;
     const BitHandle handle = open_bits(data, length);
     if (!handle) return false;
-    BitReader in(handle.get());
-    const std::optional<SequenceExtension> extension = read_sequence_extension(in);
-    if (!extension) continue;
-    found = *extension;
-    return true;
+    if (read_sequence_extension(BitReader(handle.get()), found)) return true;
   }
   return true;
 }
@@ -639,21 +650,14 @@ bool find_sequence_extension(const uint8_t* data, uint32_t length, SequenceExten
 }  // namespace
 
 uint8_t UtilGetMPEG12Info(const uint8_t* data, uint32_t length, VideoInfo* info) {
-  if (!QMXUtil_FindStartCode2(&data, &length, kSequenceHeaderCode)) return false;
-  const BitHandle handle = open_bits(data, length);
-  if (!handle) return false;
-  BitReader in(handle.get());
-  if (in.u(32) != kSequenceHeaderCode) return false;
-  info->width = in.u(12);   // horizontal_size_value
-  info->height = in.u(12);  // vertical_size_value
-  in.skip(4);               // aspect_ratio_information
-  const uint32_t frame_rate_code = in.u(4);
-  const uint32_t bit_rate_value = in.u(18);
-
+  SequenceHeader header;
   SequenceExtension extension;
+  if (!find_sequence_header(data, length, header)) return false;
   if (!find_sequence_extension(data, length, extension)) return false;
-  info->bitRate = (bit_rate_value + (extension.bit_rate_extension << 18)) * kBitRateUnit;
-  info->frameRate = MPEGFrameRate[frame_rate_code] * (extension.frame_rate_extension_n + 1) /
+  info->width = header.horizontal_size_value;
+  info->height = header.vertical_size_value;
+  info->bitRate = (header.bit_rate_value + (extension.bit_rate_extension << 18)) * kBitRateUnit;
+  info->frameRate = MPEGFrameRate[header.frame_rate_code] * (extension.frame_rate_extension_n + 1) /
                     (extension.frame_rate_extension_d + 1);
   return true;
 }
@@ -667,14 +671,15 @@ constexpr uint32_t kVisualObjectStartCode = 0x1B5;
 constexpr uint32_t kUserDataStartCode = 0x1B2;
 constexpr uint32_t kVideoObjectStartCode = 0x100;
 constexpr uint32_t kVideoObjectLayerStartCode = 0x120;  // to 0x12F
-constexpr uint32_t kVopStartCode = 0x1B6;
 constexpr uint32_t kExtendedPar = 15;
 constexpr uint32_t kRectangular = 0;
 
 constexpr uint32_t kMpeg4InfoRoom = 200;
 constexpr uint8_t kUserData[32] = {'M', 'P', 'E', 'G', '4', 'I', 'n', 'f', 'o'};
 
-constexpr size_t kVopSearchEnd = 132;  // the last VOP start code that is looked for ends here
+constexpr uint32_t kStartCodePrefix = 1;
+constexpr uint8_t kVopCode = 0xB6;     // vop_start_code is 00 00 01 B6
+constexpr size_t kVopSearchEnd = 131;  // where the last byte of one may be
 constexpr uint32_t kMostModuloSeconds = 64;
 constexpr uint32_t kMostTimeIncrementBits = 32;
 
@@ -702,34 +707,44 @@ uint32_t read_vol_identity(BitReader& in, MPEG4VolInfo& vol) {
     verid = in.u(4);  // video_object_layer_verid
     in.skip(3);       // video_object_layer_priority
   }
-  if (in.u(4) == kExtendedPar) in.skip(16);  // aspect_ratio_info, par_width, par_height
-  if (in.flag()) {                           // vol_control_parameters
-    in.skip(2);                              // chroma_format
-    in.skip(1);                              // low_delay
-    if (in.flag()) {                         // vbv_parameters
-      in.skip(16);                           // first_half_bit_rate, marker_bit
-      in.skip(16);                           // latter_half_bit_rate, marker_bit
-      in.skip(16);                           // first_half_vbv_buffer_size, marker_bit
-      in.skip(15);  // latter_half_vbv_buffer_size, first_half_vbv_occupancy, marker_bit
-      in.skip(16);  // latter_half_vbv_occupancy, marker_bit
+  if (in.u(4) == kExtendedPar) {  // aspect_ratio_info
+    in.skip(8);                   // par_width
+    in.skip(8);                   // par_height
+  }
+  if (in.flag()) {    // vol_control_parameters
+    in.skip(2);       // chroma_format
+    in.skip(1);       // low_delay
+    if (in.flag()) {  // vbv_parameters
+      in.skip(15);    // first_half_bit_rate
+      in.marker();
+      in.skip(15);  // latter_half_bit_rate
+      in.marker();
+      in.skip(15);  // first_half_vbv_buffer_size
+      in.marker();
+      in.skip(3);   // latter_half_vbv_buffer_size
+      in.skip(11);  // first_half_vbv_occupancy
+      in.marker();
+      in.skip(15);  // latter_half_vbv_occupancy
+      in.marker();
     }
   }
   return verid;
 }
 
-// From the marker behind video_object_layer_shape to obmc_disable, of a rectangular layer.
+// From the marker after video_object_layer_shape to obmc_disable, of a rectangular layer.
 void read_vol_time_and_size(BitReader& in, VideoInfo& info, MPEG4VolInfo& vol) {
-  in.skip(1);                              // marker_bit
+  in.marker();
   vol.timeIncrementResolution = in.u(16);  // vop_time_increment_resolution
   vol.timeIncrementBits = time_increment_bits(vol.timeIncrementResolution);
-  in.skip(1);  // marker_bit
-  if (in.flag())
-    vol.fixedTimeIncrement = in.u(vol.timeIncrementBits);  // fixed_vop_rate, fixed_vop_time_increment
-  in.skip(1);                                              // marker_bit
-  info.width = vol.width = in.u(13);                       // video_object_layer_width
-  in.skip(1);                                              // marker_bit
-  info.height = vol.height = in.u(13);                     // video_object_layer_height
-  in.skip(1);                                              // marker_bit
+  in.marker();
+  if (in.flag()) {                                         // fixed_vop_rate
+    vol.fixedTimeIncrement = in.u(vol.timeIncrementBits);  // fixed_vop_time_increment
+  }
+  in.marker();
+  info.width = vol.width = in.u(13);  // video_object_layer_width
+  in.marker();
+  info.height = vol.height = in.u(13);  // video_object_layer_height
+  in.marker();
   vol.interlaced = in.u(1);
   in.skip(1);  // obmc_disable
 }
@@ -739,16 +754,21 @@ uint32_t read_complexity_estimation(BitReader& in) {
   uint32_t flags = MPEG4_COMPLEXITY_ENABLED;
   const uint32_t estimation_method = in.u(2);
   if (estimation_method > 1) return flags;
-  if (!in.flag()) flags |= in.u(6) << MPEG4_COMPLEXITY_SHAPE_SHIFT;  // shape_complexity_estimation_disable
-  if (!in.flag())
-    flags |= in.u(4) << MPEG4_COMPLEXITY_TEXTURE1_SHIFT;  // texture_complexity_estimation_set_1_disable
-  in.skip(1);                                             // marker_bit
-  if (!in.flag())
-    flags |= in.u(4) << MPEG4_COMPLEXITY_TEXTURE2_SHIFT;  // texture_complexity_estimation_set_2_disable
-  if (!in.flag())
-    flags |= in.u(6) << MPEG4_COMPLEXITY_MOTION_SHIFT;  // motion_compensation_complexity_disable
-  in.skip(1);                                           // marker_bit
-  if (estimation_method == 1 && !in.flag()) {           // version2_complexity_estimation_disable
+  if (!in.flag()) {  // shape_complexity_estimation_disable
+    flags |= in.u(6) << MPEG4_COMPLEXITY_SHAPE_SHIFT;
+  }
+  if (!in.flag()) {  // texture_complexity_estimation_set_1_disable
+    flags |= in.u(4) << MPEG4_COMPLEXITY_TEXTURE1_SHIFT;
+  }
+  in.marker();
+  if (!in.flag()) {  // texture_complexity_estimation_set_2_disable
+    flags |= in.u(4) << MPEG4_COMPLEXITY_TEXTURE2_SHIFT;
+  }
+  if (!in.flag()) {  // motion_compensation_complexity_disable
+    flags |= in.u(6) << MPEG4_COMPLEXITY_MOTION_SHIFT;
+  }
+  in.marker();
+  if (estimation_method == 1 && !in.flag()) {  // version2_complexity_estimation_disable
     flags |= in.u(2) << MPEG4_COMPLEXITY_VERSION2_SHIFT;
   }
   return flags;
@@ -760,7 +780,19 @@ void put_stuffing(QMXBit* out) {
   if (used != 0) QMXBitPutBit(out, 8 - used, 0x7Fu >> used);
 }
 
+// The length of a picture is not known here: each byte is read only when all before it have been needed.
+
 bool bit_at(const uint8_t* data, size_t bit) { return (data[bit / 8] >> (7 - bit % 8) & 1) != 0; }
+
+// Where the first VOP start code ends, of those that begin in the first 129 bytes; 0 when there is none.
+size_t find_vop_header(const uint8_t* vop) {
+  uint32_t last_three = UINT32_MAX;
+  for (size_t at = 0;; ++at) {
+    if (last_three == kStartCodePrefix && vop[at] == kVopCode) return at + 1;
+    if (at == kVopSearchEnd) return 0;
+    last_three = (last_three << 8 | vop[at]) & 0xFFFFFF;
+  }
+}
 
 }  // namespace
 
@@ -796,14 +828,21 @@ uint8_t UtilGetMPEG4Info(const uint8_t* data, uint32_t length, VideoInfo* info, 
   }
   vol->quantType = 0;
   if (verid != 1) in.skip(1);  // quarter_sample
-  const bool complexity_estimation_disable = in.flag();
-  vol->complexityFlags = complexity_estimation_disable ? 0 : read_complexity_estimation(in);
+  vol->complexityFlags = 0;
+  if (!in.flag()) {  // complexity_estimation_disable
+    vol->complexityFlags = read_complexity_estimation(in);
+  }
   vol->resyncMarkers = 1 - in.u(1);  // resync_marker_disable
   if (in.flag()) {                   // data_partitioned
     vol->dataPartitioned = 1;
     vol->reversibleVlc = in.u(1);
   }
-  return true;  // newpred_enable, reduced_resolution_vop_enable, scalability: nothing to keep
+  if (verid != 1) {
+    in.skip(1);  // newpred_enable
+    in.skip(1);  // reduced_resolution_vop_enable
+  }
+  in.skip(1);  // scalability
+  return true;
 }
 
 uint32_t UtilSetMPEG4Info(uint8_t* out, uint32_t, const VideoInfo* info, const MPEG4VolInfo* vol) {
@@ -859,21 +898,17 @@ uint32_t UtilSetMPEG4Info(uint8_t* out, uint32_t, const VideoInfo* info, const M
   return QMXBitGetProcessed(bits) / 8;
 }
 
-// The length of the picture is not known here, so each byte is read only when all before it have been needed.
 int VopCheckCoded(const uint8_t* vop, uint32_t timeIncrementBits) {
-  uint32_t last_four = UINT32_MAX;
-  size_t end = 0;
-  while (last_four != kVopStartCode) {
-    if (end == kVopSearchEnd) return 1;
-    last_four = last_four << 8 | vop[end++];
-  }
-  size_t bit = end * 8 + 2;                                    // behind vop_coding_type
+  const size_t header = find_vop_header(vop);
+  if (header == 0) return 1;
+  size_t bit = header * 8 + 2;                                 // vop_coding_type
   for (uint32_t seconds = 0; bit_at(vop, bit++); ++seconds) {  // modulo_time_base
     if (seconds == kMostModuloSeconds) return 1;
   }
-  bit += 1 + std::min(timeIncrementBits, kMostTimeIncrementBits) +
-         1;  // marker_bit, vop_time_increment, marker_bit
-  return bit_at(vop, bit);
+  bit += 1;                                                    // marker_bit
+  bit += std::min(timeIncrementBits, kMostTimeIncrementBits);  // vop_time_increment
+  bit += 1;                                                    // marker_bit
+  return bit_at(vop, bit);                                     // vop_coded
 }
 
 // ---- Dispatch by codec
@@ -885,6 +920,14 @@ consteval uint32_t fourcc(const char (&text)[5]) {
 }
 
 }  // namespace
+
+uint32_t UtilToUpperVideoFourCC(uint32_t fourcc) {
+  char text[sizeof fourcc + 1] = {};
+  std::memcpy(text, &fourcc, sizeof fourcc);
+  QMXUtilStrntoupper(text, sizeof fourcc);
+  std::memcpy(&fourcc, text, sizeof fourcc);
+  return fourcc;
+}
 
 uint8_t QMXUtil_GetVideoInfo(const uint8_t* config, uint32_t length, VideoInfo* info) {
   switch (info->codec) {
@@ -916,87 +959,11 @@ constinit std::atomic<uint8_t> g_bFirstFrame = 1;
 namespace {
 
 constexpr uint32_t kLeastFrameRoom = 2;
-constexpr uint8_t kFirstMbInSliceIsZero = 0x80;  // of the byte behind a slice's NAL unit header
+constexpr uint8_t kFirstMbInSliceIsZero = 0x80;  // of the byte after a slice's NAL unit header
 
 constexpr uint32_t kH265NalTrailR = 1;
 constexpr uint32_t kH265NalIdrWRadl = 19;
 constexpr uint32_t kH265NalPps = 34;
-
-constexpr size_t kFirstBlock = 1024;
-constexpr size_t kUsualBlock = 8192;
-
-// The caller's buffer and what the file put into it. A frame's room ends one byte short of the buffer; a
-// frame that reaches this end does not fit. All results are those of a reader that takes one byte at a time
-// and stops as soon as it can tell: what was read beyond that is given back.
-class FrameBuffer {
- public:
-  FrameBuffer(FILE* file, uint8_t* buffer, uint32_t size) : file_(file), buffer_(buffer), room_(size - 1) {}
-
-  // Position of the next NAL unit header behind the last one; none when the data or the room ends before
-  // that.
-  std::optional<size_t> next_header() {
-    for (;;) {
-      const size_t prefix = find_start_code_prefix(buffer_, scanned_, filled_);
-      if (filled_ - prefix > kStartCodePrefixSize) {
-        scanned_ = prefix + kStartCodePrefixSize;
-        return scanned_;
-      }
-      if (filled_ >= kStartCodePrefixSize)
-        scanned_ = std::max(scanned_, std::min(prefix, filled_ - (kStartCodePrefixSize - 1)));
-      if (!read_more()) return std::nullopt;
-    }
-  }
-
-  // Whether a slice's header and the byte behind it still leave room.
-  bool has_room_for_slice(size_t header) const { return header + 2 < room_; }
-
-  bool has(size_t position) {
-    while (filled_ <= position) {
-      if (!read_more()) return false;
-    }
-    return true;
-  }
-
-  // The frame ends in front of the start code of this NAL unit header.
-  uint32_t end_before(size_t header) {
-    size_t start_code = header - kStartCodePrefixSize;
-    if (buffer_[start_code - 1] == 0) --start_code;
-    give_back_from(start_code);
-    return static_cast<uint32_t>(start_code);
-  }
-
-  // The frame does not fit: the file is left behind the byte at which that showed.
-  uint32_t give_up_behind(size_t position) {
-    give_back_from(position + 1);
-    return 0;
-  }
-
-  // There is no further NAL unit: what is left is the last frame, unless it fills the room.
-  uint32_t end_of_data() const { return filled_ < room_ ? static_cast<uint32_t>(filled_) : 0; }
-
- private:
-  // The block grows with the frame: a small frame is not read many times over, and a large one not in many
-  // pieces, yet little of what is read is given back.
-  bool read_more() {
-    const size_t block = std::max({kFirstBlock, std::min(filled_, kUsualBlock), filled_ / 4});
-    const size_t wanted = std::min(room_ - filled_, block);
-    if (wanted == 0) return false;
-    const int64_t got = QMX_FileRead(file_, buffer_ + filled_, static_cast<int64_t>(wanted));
-    if (got <= 0) return false;
-    filled_ += static_cast<size_t>(got);
-    return true;
-  }
-
-  void give_back_from(size_t position) {
-    if (position < filled_) QMX_FileSeek(file_, -static_cast<int64_t>(filled_ - position), SEEK_CUR);
-  }
-
-  FILE* file_;
-  uint8_t* buffer_;
-  size_t room_;
-  size_t filled_ = 0;
-  size_t scanned_ = 0;  // no prefix begins in front of this, but for those already found
-};
 
 }  // namespace
 
@@ -1005,18 +972,19 @@ uint32_t UtilVideo_H264_ReadOneFrame(FILE* file, uint8_t* buffer, uint32_t size)
   FrameBuffer in(file, buffer, size);
   bool begun = false, began_at_pps = false;
   while (const std::optional<size_t> header = in.next_header()) {
-    const uint32_t type = buffer[*header] & kNalTypeMask;
-    const bool slice = type == kNalSlice || type == kNalIdrSlice;
+    const uint32_t type = buffer[*header] & kH264NalTypeMask;
+    const bool slice = type == kH264NalSlice || type == kH264NalIdrSlice;
     if (!begun) {
-      began_at_pps = type == kNalPps && g_bFirstFrame.load(std::memory_order_relaxed) != 0;
+      began_at_pps = type == kH264NalPps && g_bFirstFrame.load(std::memory_order_relaxed) != 0;
       begun = slice || began_at_pps;
     } else if (slice && !began_at_pps) {
-      if (!in.has_room_for_slice(*header)) return in.give_up_behind(*header);
+      if (!in.has_room_for_slice(*header)) return in.give_up_after(*header);
       if (!in.has(*header + 1)) break;
       if ((buffer[*header + 1] & kFirstMbInSliceIsZero) != 0) return in.end_before(*header);
     } else {
-      if (began_at_pps && (slice || type == kNalSei)) g_bFirstFrame.store(0, std::memory_order_relaxed);
-      if (slice || (type >= kNalSei && type <= kNalAccessUnitDelimiter)) return in.end_before(*header);
+      if (began_at_pps && (slice || type == kH264NalSei)) g_bFirstFrame.store(0, std::memory_order_relaxed);
+      if (slice || (type >= kH264NalSei && type <= kH264NalAccessUnitDelimiter))
+        return in.end_before(*header);
     }
   }
   return in.end_of_data();
@@ -1035,7 +1003,7 @@ uint32_t UtilVideo_H265_ReadOneFrame(FILE* file, uint8_t* buffer, uint32_t size)
       continue;
     }
     if (slice && !began_at_pps) {
-      if (!in.has_room_for_slice(*header)) return in.give_up_behind(*header);
+      if (!in.has_room_for_slice(*header)) return in.give_up_after(*header);
       if (!in.has(*header + 1)) break;
     } else if (began_at_pps && (slice || type == kH265NalPps)) {
       g_bFirstFrame.store(0, std::memory_order_relaxed);

@@ -22,7 +22,13 @@ class BitReader {
   uint32_t u(uint32_t n) { return QMXBitGetBit(handle_, n); }  // n up to 32
   uint8_t u8(uint32_t n) { return static_cast<uint8_t>(u(n)); }
   bool flag() { return u(1) != 0; }
+  void marker() { u(1); }  // marker_bit
+
+  // ue(v). Both give the same for every code of the standards, of 63 bits at most. What a damaged header has
+  // in its place differs: ue() takes 31 zeros for its length and goes on, ue_by_bit() passes over all of its
+  // zeros and gives 0. H.264 is read with the first, which is faster, H.265 with the second.
   uint32_t ue() { return vlc_Golomb(handle_); }
+  uint32_t ue_by_bit() { return UtilGetUE(handle_); }
 
   int32_t se() {
     const uint32_t code = ue();
