@@ -13,7 +13,7 @@
 // - Where it is the shorter one, zero bytes go over the rest of the old text in the same step. A process
 //   killed before the cut leaves the new text followed by zero bytes, and that is what a reader without the
 //   lock meets.
-// - Writing in place has the room beforehand too, and after a write that failed it takes no other: the zero
+// - Writing in place has the room beforehand too. After a write that failed neither takes another: the zero
 //   bytes that were to follow a text must not be written where the text was to be.
 // - A new file that is renamed over the old one would be more robust against a power failure, but a lock
 //   belongs to the file and not to its name: those who wait for it would come to hold the lock of a file
@@ -42,7 +42,7 @@ struct Extra {
   Extra* next;
   bool rewriting;  // over a text that is to survive a full disk
   bool replacing;  // its rest is still to go
-  int failure;     // errno of the last write, 0 when it succeeded; after a failure the rest stays
+  int failure;     // errno of a write that failed, or 0; after it nothing is written and the rest stays
 };
 constinit Extra* all_extras = nullptr;
 constinit pthread_mutex_t extras_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -141,7 +141,7 @@ int64_t write_over_old_text(FILE* stream, const void* buffer, int64_t count) {
 
 int64_t rewrite(Extra& extra, const void* buffer, int64_t count) {
   FILE* const stream = extra.stream;
-  if (extra.failure != 0 && !extra.replacing) {
+  if (extra.failure != 0) {
     errno = extra.failure;
     return -1;
   }

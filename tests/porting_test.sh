@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds the example of a device's own base library, builds and installs libqmxutil over it without the stand-in, and
-# runs a program that sees the device's trace and memory at work.
-#   porting_test.sh SOURCE   (in the environment: CC, TOOLCHAIN, EMULATOR)
+# runs a program that sees the device's trace and memory at work; holds the example to the contract.
+#   porting_test.sh SOURCE BUILD   (in the environment: CC, TOOLCHAIN, EMULATOR)
 set -euo pipefail
 source=$1
+build=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() {
@@ -16,7 +17,12 @@ build() { # FOLDER OPTIONS...
 }
 
 build "$source/examples/base_library" "$work/base"
-build "$source" "$work/qmxutil" -DCMAKE_BUILD_TYPE=Debug -DQMX_BASE_LIBRARY="$work/base/libdevicebase.so" \
+device_base=$work/base/libdevicebase.so
+run=(env LD_PRELOAD="$device_base")
+[ -z "${EMULATOR:-}" ] || read -ra run <<<"$EMULATOR -E LD_PRELOAD=$device_base"
+"${run[@]}" "$build/tools/qmxutil" basecheck "$work" --media "$source/tests/data/timed-metadata.mov" >"$work/checked" &&
+  grep -q "$device_base" "$work/checked" || { cat "$work/checked"; fail "the example differs from the contract"; }
+build "$source" "$work/qmxutil" -DCMAKE_BUILD_TYPE=Debug -DQMX_BASE_LIBRARY="$device_base" \
   -DQMX_BUILD_TOOL=OFF -DQMX_BUILD_EXAMPLES=OFF
 prefix=$work/prefix
 cmake --install "$work/qmxutil" --prefix "$prefix" >/dev/null

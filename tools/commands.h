@@ -18,3 +18,4 @@ void add_frames_command(CLI::App& app);
 void add_convert_command(CLI::App& app);
 void add_timer_command(CLI::App& app);
 void add_text_commands(CLI::App& app);
+void add_basecheck_command(CLI::App& app);

@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   add_convert_command(app);
   add_timer_command(app);
   add_text_commands(app);
+  add_basecheck_command(app);
   drop_end_of_run_options(argc, argv);
   try {
     app.parse(argc, argv);
