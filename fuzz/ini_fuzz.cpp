@@ -1,5 +1,5 @@
 // INI files: any text is read line by line, searched and written to. A search finds what reading line by line
-// finds, and leaves the same bytes behind; a write keeps what stood before the value.
+// finds, and writes nothing else to the caller's room; a write keeps what stood before the value.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,7 +9,6 @@
 #include <cstring>
 #include <string>
 
-#include "internal/ini.h"
 #include "qmxutil_ini.h"
 
 namespace {
@@ -30,22 +29,23 @@ void store(const uint8_t* data, size_t size) {
   require(stream != nullptr && std::fwrite(data, 1, size, stream) == size && std::fclose(stream) == 0);
 }
 
-// What a search leaves in a buffer of `room`, one line after the other.
-int search_by_lines(INIHandle* handle, const std::string& wanted, std::string& room) {
-  std::string key(room.size(), '\0');
+// What a search has to leave in `room`.
+bool search_by_lines(INIHandle* handle, const std::string& wanted, std::string& room) {
+  std::string key(room.size(), '\0'), value(room.size(), '\0');
   uint8_t is_pair = 0;
-  while (ini_parse_line(handle, key.data(), key.size(), room.data(), room.size(), &is_pair) == 1) {
-    if (is_pair && wanted.size() < 64 && wanted == key.c_str()) return 1;
+  bool found = false;
+  while (!found && QMXUtil_INIParseLine(handle, key.data(), value.data(), &is_pair) == 1) {
+    found = is_pair && wanted.size() < 64 && wanted == key.c_str();
   }
-  room[0] = '\0';
-  return 0;
+  std::strcpy(room.data(), found ? value.c_str() : "");
+  return found;
 }
 
 void check_search(INIHandle* handle, const std::string& key) {
   const std::string fresh(static_cast<size_t>(handle->length) + 1, '\xEE');
   std::string expected = fresh, value = fresh;
   QMXUtil_INIReset(handle);
-  const int found = search_by_lines(handle, key, expected);
+  const bool found = search_by_lines(handle, key, expected);
   QMXUtil_INIReset(handle);
   require(QMXUtil_INISearch(handle, key.c_str(), value.data()) == found);
   require(value == expected && handle->cursor == handle->text);

@@ -39,6 +39,9 @@ struct Run {  // what reset() begins anew
   std::map<Op, int> until_failure;  // calls to go
   bool fired = false;
   bool guard_pages = true;
+  std::set<int> malloc_lines;
+  decltype(&QMX_FileRead) read = nullptr;
+  decltype(&QMX_FileWrite) write = nullptr;
   std::optional<ReaderScript> script;
   size_t next_record = 0;
 };
@@ -171,6 +174,14 @@ bool RecordingBase::fired() const { return Locked()->fired; }
 void RecordingBase::stop_failing() { Locked()->until_failure.clear(); }
 void RecordingBase::use_guard_pages(bool on) { Locked()->guard_pages = on; }
 
+size_t RecordingBase::malloc_places() const { return Locked()->malloc_lines.size(); }
+
+void RecordingBase::transfer_with(decltype(&QMX_FileRead) read, decltype(&QMX_FileWrite) write) {
+  const Locked locked;
+  locked->read = read;
+  locked->write = write;
+}
+
 int RecordingBase::held() const {
   const Locked locked;
   return static_cast<int>(locked->blocks.size() + locked->handles.size());
@@ -244,7 +255,8 @@ void QMX_Trace(const char* module, int level, const char* sourceFile, int, const
   errno = saved_errno;
 }
 
-void* QMX_Malloc(uint32_t size, int reserved, int fill, const char*, int, const char*) {
+void* QMX_Malloc(uint32_t size, int reserved, int fill, const char*, int line, const char*) {
+  Locked()->malloc_lines.insert(line);
   EXPECT_EQ(reserved, 0);
   EXPECT_TRUE(fill == QMX_FILL_ZERO || fill == QMX_FILL_NONE);
   return new_block(fails(Op::kMalloc, "Malloc %u %d", size, fill), size, fill == QMX_FILL_ZERO);
@@ -280,11 +292,12 @@ int64_t QMX_FileTell(FILE* stream) {
 }
 
 int64_t QMX_FileRead(FILE* stream, void* buffer, int64_t count) {
-  return fails(Op::kFileRead, "FileRead %ld", count) ? -1 : NEXT(QMX_FileRead)(stream, buffer, count);
+  if (fails(Op::kFileRead, "FileRead %ld", count)) return -1;
+  return (state().read != nullptr ? state().read : NEXT(QMX_FileRead))(stream, buffer, count);
 }
 
 int64_t QMX_FileWrite(FILE* stream, const void* buffer, int64_t count) {
-  const auto write = NEXT(QMX_FileWrite);
+  const auto write = state().write != nullptr ? state().write : NEXT(QMX_FileWrite);
   if (!fails(Op::kFileWrite, "FileWrite %ld", count)) return write(stream, buffer, count);
   signal(SIGXFSZ, SIG_IGN);  // the stand-in meets the failure itself: no file may have a byte written to it
   int64_t written = 0;

@@ -82,6 +82,12 @@ class RecordingBase {
   // Blocks end at an unreadable page and are unmapped when freed. Switch off for very many blocks.
   void use_guard_pages(bool on);
 
+  // Streams are read and written by these from now on; null: as the stand-in does.
+  void transfer_with(decltype(&QMX_FileRead) read, decltype(&QMX_FileWrite) write);
+
+  // Source lines that asked for a block.
+  size_t malloc_places() const;
+
   // Blocks, streams and handles not given back yet.
   int held() const;
 
