@@ -321,7 +321,7 @@ void add_keys() {
   const std::string text = line + "\r\n" + words(10000, 3);
   bench::add_row("key search on a first line of 90, not there", "string_view::find", 1.2,
                  repeat([text] { return QMXUtilStrFindString(text.c_str(), "exposure="); }),
-                 repeat([line] { return std::string_view(line).find("exposure="); }));
+                 repeat([line, key = std::string("exposure=")] { return std::string_view(line).find(key); }));
   bench::add_row("decimal value after a short key, line of 90 B", "strstr and strtol", 1.5, repeat([text] {
                    int32_t value;
                    QMXUtilStrGetDecNumber(text.c_str(), "w=", &value);
