@@ -23,6 +23,9 @@ if(QMX_SANITIZE)
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
   # Firmware is attacked through the files it plays: hardening is part of the release build.
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    add_compile_options(-fcf-protection)  # jumps land only where they are meant to
+  endif()
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")

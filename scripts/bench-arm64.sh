@@ -7,12 +7,11 @@ set -euo pipefail
 
 action=$1
 build=$2/bench
-peers=$(dirname "$2")/arm64-peers/root/usr/lib/aarch64-linux-gnu
+peers=$(dirname "$2")/arm64-peers/root
 
 # The environment is empty and addresses are not random, so that figures are the same from run to run.
 count() {
-  setarch -R env -i qemu-aarch64 -plugin "$build/count_plugin.so" -L /usr/aarch64-linux-gnu \
-    -E LD_LIBRARY_PATH="$peers" "$build/qmxutil_count" "$@"
+  setarch -R env -i qemu-aarch64 -plugin "$build/count_plugin.so" -L "$peers" "$build/qmxutil_count" "$@"
 }
 
 # Ours, a row of work once.
