@@ -5,18 +5,18 @@
 // bulk work never runs far ahead of what a short answer needs.
 #include "qmxutil_string.h"
 
-#include <locale.h>
 #include <string.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 
+#include "internal/big_endian.h"
 #include "internal/handles.h"
-#include "internal/simd/bytes16.h"
-#include "internal/simd/find_bytes.h"
+#include "internal/simd/base64.h"
+#include "internal/simd/fold_case.h"
+#include "internal/simd/hex.h"
+#include "internal/simd/line_search.h"
 #include "internal/start_code.h"
 
 using namespace qmxutil;
@@ -26,6 +26,7 @@ static_assert(std::endian::native == std::endian::little, "vectors and tables ho
 namespace {
 
 const uint8_t* as_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+uint8_t* as_bytes(char* text) { return reinterpret_cast<uint8_t*>(text); }
 const char* as_text(const uint8_t* bytes) { return reinterpret_cast<const char*>(bytes); }
 
 }  // namespace
@@ -101,95 +102,95 @@ char* QMX_ITOA(int32_t value, char* buf) {
 
 namespace {
 
-constexpr uint8_t kCaseBit = 'a' - 'A';
+// How far a text is asked for its end at once: most lines, and most texts that are compared, are shorter.
+constexpr size_t kFirstStretch = 128;
+constexpr size_t kStretch = 1024;
 
-// Switches the case of the letters from kFirst to kFirst + 25.
-template <uint8_t kFirst>
-constexpr uint8_t switch_case(uint8_t c) {
-  return static_cast<uint8_t>(c - kFirst) < 26 ? c ^ kCaseBit : c;
-}
-
-template <uint8_t kFirst>
-Bytes16 switch_case(Bytes16 c) {
-  return c ^ (reinterpret_cast<Bytes16>(c - kFirst < 26) & kCaseBit);
-}
-
-template <uint8_t kFirst>
-void switch_case(uint8_t* bytes, size_t count) {
-  size_t i = 0;
-  for (; count - i >= 16; i += 16) store16(bytes + i, switch_case<kFirst>(load16<Bytes16>(bytes + i)));
-  for (; i < count; ++i) bytes[i] = switch_case<kFirst>(bytes[i]);
-}
-
-// The C locale, whose letters are those of ASCII; null until it is asked for.
-constinit std::atomic<locale_t> c_locale = nullptr;
-
-// The C library has it ready: asking cannot fail.
-void ask_for_c_locale() { c_locale.store(newlocale(LC_ALL_MASK, "C", nullptr), std::memory_order_relaxed); }
-
-[[gnu::noinline]] int first_stricmp(const char* a, const char* b) {
-  ask_for_c_locale();
-  return QMXUtilStricmp(a, b);
-}
-
-[[gnu::noinline]] int first_strnicmp(const char* a, const char* b, uint32_t n) {
-  ask_for_c_locale();
-  return QMXUtilStrnicmp(a, b, n);
-}
-
-// How many bytes, in 128s, are certainly before a line end: most characters are above CR.
-size_t pass_over_text(const uint8_t* text, size_t count) {
-  size_t i = 0;
-  for (; count - i >= 128; i += 128) {
-    Bytes16 least = load16<Bytes16>(text + i);
-    for (size_t k = i + 16; k < i + 128; k += 16) {
-      const Bytes16 bytes = load16<Bytes16>(text + k);
-      least = bytes < least ? bytes : least;
-    }
-    if (qmxutil::any(reinterpret_cast<Bytes16>(least <= '\r'))) break;
+// Compares texts in stretches of which both are known to be there.
+[[gnu::noinline]] int compare_long(const uint8_t* a, const uint8_t* b, size_t limit) {
+  for (size_t stretch = kFirstStretch; limit > 0; stretch = kStretch) {
+    const size_t wanted = std::min(limit, stretch);
+    const size_t same = same_but_for_case(a, b, strnlen(as_text(b), strnlen(as_text(a), wanted)));
+    if (same < wanted) return to_lower(a[same]) - to_lower(b[same]);
+    a += same;
+    b += same;
+    limit -= same;
   }
-  return i;
+  return 0;
 }
 
-// Bytes before the first NUL, LF or CR.
-size_t first_line_length(const char* text) {
-  size_t length = 0;
-  for (size_t stretch = 120;; stretch = 1024) {  // most lines are short
-    const size_t readable = strnlen(text + length, stretch);
-    const size_t passed = pass_over_text(as_bytes(text + length), readable);
-    const char* const from = text + length + passed;
-    size_t count = readable - passed;
-    for (const char line_end : {'\n', '\r'}) {
-      if (const void* at = memchr(from, line_end, count)) {
-        count = static_cast<size_t>(static_cast<const char*>(at) - from);
-      }
+// Most comparisons end before this, and are quickest without asking for the texts' ends.
+constexpr size_t kSingly = 16;
+
+// Compares texts of which no more than `limit` bytes are looked at.
+int compare_ignoring_case(const uint8_t* a, const uint8_t* b, size_t limit) {
+  int difference = 0;
+  const auto ends_at = [&](size_t i) {
+    if (a[i] == b[i]) [[likely]]
+      return a[i] == '\0';
+    difference = to_lower(a[i]) - to_lower(b[i]);
+    return difference != 0;
+  };
+  if (limit < kSingly) {
+    for (size_t i = 0; i < limit && !ends_at(i); ++i) {
     }
-    length += passed + count;
-    if (passed + count < stretch) return length;
+    return difference;
+  }
+#pragma GCC unroll 8
+  for (size_t i = 0; i < kSingly; ++i) {
+    if (ends_at(i)) return difference;
+  }
+  return compare_long(a + kSingly, b + kSingly, limit - kSingly);
+}
+
+bool is_line_end(char c) { return c == '\0' || c == '\n' || c == '\r'; }
+
+// The first match that a line end belongs to.
+const char* find_across(const char* text, const char* line_end, const char* pattern, size_t size) {
+  if (strchr(pattern, *line_end) == nullptr) return nullptr;
+  const size_t before = std::min(static_cast<size_t>(line_end - text), size - 1);
+  for (const char* at = line_end - before; at <= line_end; ++at) {
+    if (strncmp(at, pattern, size) == 0) return at;
+  }
+  return nullptr;
+}
+
+// The first match that begins on the first line of a text, its end included. The pattern has `size` bytes,
+// at least one; its last two are looked for, because the last ones of keys are rarer than the first.
+const char* find_in_line(const char* text, const char* pattern, size_t size) {
+  const size_t gap = size > 1, head = size - 1 - gap;
+  const uint8_t first = as_bytes(pattern)[head], last = as_bytes(pattern)[size - 1];
+  size_t i = 0, readable = 0;
+  for (size_t stretch = kFirstStretch;; stretch = kStretch) {
+    const size_t more = strnlen(text + readable, stretch);
+    readable += more;
+    while ((i = find_pair_or_line_end(as_bytes(text), i, readable, first, last, gap)) < readable) {
+      if (is_line_end(text[i])) return find_across(text, text + i, pattern, size);
+      if (i >= head && memcmp(text + i - head, pattern, head) == 0) return text + i - head;
+      ++i;
+    }
+    if (more < stretch) return nullptr;
   }
 }
 
 }  // namespace
 
 char* QMXUtilStrntolower(char* s, int32_t n) {
-  if (s != nullptr && n > 0) switch_case<'A'>(reinterpret_cast<uint8_t*>(s), static_cast<size_t>(n));
+  if (s != nullptr && n > 0) switch_case<'A'>(as_bytes(s), static_cast<size_t>(n));
   return s;
 }
 
 char* QMXUtilStrntoupper(char* s, int32_t n) {
-  if (s != nullptr && n > 0) switch_case<'a'>(reinterpret_cast<uint8_t*>(s), static_cast<size_t>(n));
+  if (s != nullptr && n > 0) switch_case<'a'>(as_bytes(s), static_cast<size_t>(n));
   return s;
 }
 
-// POSIX promises only the sign of these results; glibc gives the difference of the folded bytes.
 int QMXUtilStricmp(const char* a, const char* b) {
-  const locale_t locale = c_locale.load(std::memory_order_relaxed);
-  return locale != nullptr ? strcasecmp_l(a, b, locale) : first_stricmp(a, b);
+  return compare_ignoring_case(as_bytes(a), as_bytes(b), SIZE_MAX);
 }
 
 int QMXUtilStrnicmp(const char* a, const char* b, uint32_t n) {
-  const locale_t locale = c_locale.load(std::memory_order_relaxed);
-  return locale != nullptr ? strncasecmp_l(a, b, n, locale) : first_strnicmp(a, b, n);
+  return compare_ignoring_case(as_bytes(a), as_bytes(b), n);
 }
 
 char* QMXUtilStrdupn(const char* src, uint32_t n) {
@@ -235,12 +236,7 @@ int QMXUtilStrIsDecNumber(const char* s) {
 const char* QMXUtilStrFindString(const char* text, const char* pattern) {
   if (text == nullptr) return nullptr;
   const size_t size = pattern != nullptr ? strlen(pattern) : 0;
-  if (size == 0) return text;
-  const size_t line = first_line_length(text);
-  const size_t limit = line + strnlen(text + line, size);  // a match may begin at the line end
-  if (size == 1) return static_cast<const char*>(memchr(text, *pattern, limit));
-  const size_t at = find_bytes(as_bytes(text), 0, limit, as_bytes(pattern), size);
-  return at < limit ? text + at : nullptr;
+  return size == 0 ? text : find_in_line(text, pattern, size);
 }
 
 char* QMXUtilStrGetLine(char* text, uint32_t* len) {
@@ -410,29 +406,6 @@ const char* QMXUtilStrGetContext(const char* text, const char** start, uint32_t*
 
 namespace {
 
-constexpr uint8_t kLetterGap = 'a' - '9' - 1;  // between the digits and the letters
-
-// What a lower-case character counts, whether it is a hexadecimal digit or not.
-uint8_t nibble_value(uint8_t c) {
-  return static_cast<uint8_t>(c - '0' - (c >= 'a' && c <= 'f' ? kLetterGap : 0));
-}
-
-Bytes16 nibble_values(Bytes16 c) { return c - '0' - (reinterpret_cast<Bytes16>(c - 'a' < 6) & kLetterGap); }
-
-char nibble_digit(int nibble) { return "0123456789abcdef"[nibble]; }
-
-Bytes16 nibble_digits(Bytes16 nibbles) {
-  return nibbles + '0' + (reinterpret_cast<Bytes16>(nibbles > 9) & kLetterGap);
-}
-
-// The byte that each two characters make, in the low half of each pair.
-Bytes16 join_nibbles(Bytes16 text) {
-  const Pairs16 pairs = reinterpret_cast<Pairs16>(nibble_values(text));
-  return reinterpret_cast<Bytes16>((pairs << 4) + (pairs >> 8));
-}
-
-// A cursor search needs one byte more than a start code has, and leaves this many when it finds nothing.
-
 void move_cursor(const uint8_t** buf, uint32_t* len, size_t by) {
   *buf += by;
   *len -= static_cast<uint32_t>(by);
@@ -441,19 +414,9 @@ void move_cursor(const uint8_t** buf, uint32_t* len, size_t by) {
 }  // namespace
 
 uint32_t QMXUtil_ConvStrToBin(char* text, uint32_t len, uint8_t* out) {
-  uint8_t* const digits = reinterpret_cast<uint8_t*>(text);
+  uint8_t* const digits = as_bytes(text);
   switch_case<'A'>(digits, len);  // what QMXUtilStrntolower() does, for any length
-  const size_t count = len / 2;
-  size_t i = 0;
-  for (; count - i >= 16; i += 16) {
-    const Bytes16 first = join_nibbles(load16<Bytes16>(digits + 2 * i));
-    const Bytes16 second = join_nibbles(load16<Bytes16>(digits + 2 * i + 16));
-    store16(out + i, __builtin_shufflevector(first, second, 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26,
-                                             28, 30));
-  }
-  for (; i < count; ++i) {
-    out[i] = static_cast<uint8_t>(nibble_value(digits[2 * i]) * 16 + nibble_value(digits[2 * i + 1]));
-  }
+  digits_to_bytes(digits, len / 2, out);
   return len / 2;
 }
 
@@ -462,21 +425,8 @@ char* QMXUtil_ConvBinToStr(const uint8_t* bin, uint32_t len) {
   if (size > UINT32_MAX) return nullptr;
   auto text = NEW_BLOCK(char, static_cast<uint32_t>(size), QMX_FILL_NONE);
   if (text == nullptr) return nullptr;
-  char* out = text.get();
-  size_t i = 0;
-  for (; len - i >= 16; i += 16, out += 32) {
-    const Bytes16 bytes = load16<Bytes16>(bin + i);
-    const Bytes16 high = nibble_digits(bytes >> 4);
-    const Bytes16 low = nibble_digits(bytes & 15);
-    store16(out, __builtin_shufflevector(high, low, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23));
-    store16(out + 16,
-            __builtin_shufflevector(high, low, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31));
-  }
-  for (; i < len; ++i) {
-    *out++ = nibble_digit(bin[i] >> 4);
-    *out++ = nibble_digit(bin[i] & 15);
-  }
-  *out = '\0';
+  bytes_to_digits(bin, len, as_bytes(text.get()));
+  text.get()[size - 1] = '\0';
   return text.release();
 }
 
@@ -484,16 +434,19 @@ int QMXUtil_FindStartCode(const uint8_t** buf, uint32_t* len, uint32_t* code) {
   if (*len <= kStartCodeSize) return 0;
   const size_t prefixes_end = *len - 2;  // a prefix that ends here has its code byte and one more after it
   const size_t at = find_start_code_prefix(*buf, 0, prefixes_end);
-  const bool found = at != prefixes_end;
-  move_cursor(buf, len, found ? at : *len - kStartCodeSize);
-  if (found) *code = 0x100u + (*buf)[3];
-  return found;
+  if (at == prefixes_end) {
+    move_cursor(buf, len, *len - kStartCodeSize);
+    return 0;
+  }
+  move_cursor(buf, len, at);
+  *code = 0x100u + (*buf)[3];
+  return 1;
 }
 
 int QMXUtil_FindStartCode2(const uint8_t** buf, uint32_t* len, uint32_t code) {
   if (*len <= kStartCodeSize) return 0;
-  const uint8_t wanted[kStartCodeSize] = {static_cast<uint8_t>(code >> 24), static_cast<uint8_t>(code >> 16),
-                                          static_cast<uint8_t>(code >> 8), static_cast<uint8_t>(code)};
+  uint8_t wanted[kStartCodeSize];
+  store_be32(wanted, code);
   const size_t codes_end = *len - 1;
   const size_t at = find_bytes(*buf, 0, codes_end, wanted, sizeof wanted);
   const bool found = at != codes_end;
@@ -505,8 +458,6 @@ int QMXUtil_FindStartCode2(const uint8_t** buf, uint32_t* len, uint32_t code) {
 
 namespace {
 
-constexpr char base64_encode[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
 // Only characters of the alphabet and '=', which counts 0, are looked up.
 constexpr std::array<int32_t, 128> base64_decode = [] {
   std::array<int32_t, 128> values = {};
@@ -514,85 +465,16 @@ constexpr std::array<int32_t, 128> base64_decode = [] {
   return values;
 }();
 
-// The two characters for each twelve bits.
-constexpr std::array<std::array<char, 2>, 4096> kCharacterPairs = [] {
-  std::array<std::array<char, 2>, 4096> pairs = {};
-  for (size_t v = 0; v < pairs.size(); ++v) pairs[v] = {base64_encode[v / 64], base64_encode[v % 64]};
-  return pairs;
-}();
-
-// For each of the four places in a group: the bits that a character there contributes to the group's three
-// bytes, the first byte lowest; kOutside for a character that is not of the alphabet.
-constexpr uint32_t kOutside = 1u << 31;
-constexpr std::array<std::array<uint32_t, 256>, 4> kPlaces = [] {
-  std::array<std::array<uint32_t, 256>, 4> places = {};
-  for (auto& place : places) place.fill(kOutside);
-  for (uint32_t v = 0; v < 64; ++v) {
-    const uint8_t c = static_cast<uint8_t>(base64_encode[v]);
-    places[0][c] = v << 2;
-    places[1][c] = v >> 4 | (v & 15) << 12;
-    places[2][c] = v >> 2 << 8 | (v & 3) << 22;
-    places[3][c] = v << 16;
-  }
-  return places;
-}();
-
-void encode_twelve_bits(uint64_t bits, char* out) { memcpy(out, kCharacterPairs[bits & 0xFFF].data(), 2); }
-
-// Encodes whole groups of three bytes; returns how many bytes that were.
-size_t encode_groups(const uint8_t* data, size_t count, char* out) {
-  size_t i = 0;
-  for (; count - i >= 8; i += 6, out += 8) {  // of eight bytes read, six are encoded
-    uint64_t bits;
-    memcpy(&bits, data + i, sizeof bits);
-    bits = __builtin_bswap64(bits);
-    encode_twelve_bits(bits >> 52, out);
-    encode_twelve_bits(bits >> 40, out + 2);
-    encode_twelve_bits(bits >> 28, out + 4);
-    encode_twelve_bits(bits >> 16, out + 6);
-  }
-  for (; count - i >= 3; i += 3, out += 4) {
-    const uint32_t bits = uint32_t{data[i]} << 16 | uint32_t{data[i + 1]} << 8 | data[i + 2];
-    encode_twelve_bits(bits >> 12, out);
-    encode_twelve_bits(bits, out + 2);
-  }
-  return i;
-}
-
 // The last one or two bytes: the bits that are missing are zero.
 void encode_rest(const uint8_t* data, size_t count, char* out) {
   const uint32_t bits = uint32_t{data[0]} << 16 | (count > 1 ? uint32_t{data[1]} << 8 : 0);
-  encode_twelve_bits(bits >> 12, out);
+  out[0] = base64_encode[bits >> 18];
+  out[1] = base64_encode[bits >> 12 & 63];
   out[2] = count > 1 ? base64_encode[bits >> 6 & 63] : '=';
   out[3] = '=';
 }
 
-// The three bytes of four characters, with kOutside when one is not of the alphabet.
-uint32_t group_bytes(const uint8_t* text) {
-  return kPlaces[0][text[0]] | kPlaces[1][text[1]] | kPlaces[2][text[2]] | kPlaces[3][text[3]];
-}
-
-// Decodes groups for as long as nothing but characters of the alphabet comes; returns how many groups.
-size_t decode_plain_groups(const uint8_t* text, size_t count, uint8_t* out) {
-  size_t groups = 0;
-  for (; count >= 8; count -= 8, text += 8, out += 6, groups += 2) {
-    const uint32_t first = group_bytes(text);
-    const uint32_t second = group_bytes(text + 4);
-    if (((first | second) & kOutside) != 0) break;
-    const uint32_t low = first | second << 24;
-    const uint16_t high = static_cast<uint16_t>(second >> 8);
-    memcpy(out, &low, 4);
-    memcpy(out + 4, &high, 2);
-  }
-  for (; count >= 4; count -= 4, text += 4, out += 3, ++groups) {
-    const uint32_t bytes = group_bytes(text);
-    if ((bytes & kOutside) != 0) break;
-    memcpy(out, &bytes, 3);
-  }
-  return groups;
-}
-
-bool counts(uint8_t c) { return c == '=' || kPlaces[0][c] != kOutside; }
+bool counts(uint8_t c) { return c == '=' || kSixBits[c] != kOutside; }
 
 // Reads on until four characters that count are there; false when the text ends before.
 bool gather_group(const uint8_t*& in, const uint8_t* end, uint8_t (&group)[4]) {
@@ -623,15 +505,13 @@ bool ends_segment(char c) { return is_in(c, kLineEnd) || c == ',' || c == '='; }
 
 char* QMXUtilBase64Encoding(const uint8_t* data, int32_t len, uint32_t* outlen) {
   if (len < 0) return nullptr;
-  const size_t count = static_cast<size_t>(len);
-  auto text = NEW_BLOCK(char, static_cast<uint32_t>((count + 2) * 4 / 3 + 2), QMX_FILL_ZERO);
+  const size_t count = static_cast<size_t>(len), groups = count / 3, rest = count % 3;
+  const size_t room = (count + 2) * 4 / 3 + 2, length = (groups + (rest > 0)) * 4;
+  auto text = NEW_BLOCK(char, static_cast<uint32_t>(room), QMX_FILL_NONE);
   if (text == nullptr) return nullptr;
-  const size_t whole = encode_groups(data, count, text.get());
-  size_t length = whole / 3 * 4;
-  if (whole < count) {
-    encode_rest(data + whole, count - whole, text.get() + length);
-    length += 4;
-  }
+  encode_groups(data, groups, text.get());
+  if (rest > 0) encode_rest(data + 3 * groups, rest, text.get() + 4 * groups);
+  memset(text.get() + length, 0, room - length);
   *outlen = static_cast<uint32_t>(length);
   return text.release();
 }
@@ -640,14 +520,13 @@ const char* QMXUtilBase64Decoding(const char* text, uint8_t* out, uint32_t len, 
   const uint8_t* in = as_bytes(text);
   const uint8_t* const end = in + len;
   uint8_t* write = out;
-  for (bool after_group = false; end - in >= 4; after_group = true) {
-    if (after_group && *in == ',') break;
+  while (end - in >= 4) {
+    if (*in == ',' && in != as_bytes(text)) break;
     while (in != end && !counts(*in)) ++in;
-    if (const size_t groups = decode_plain_groups(in, static_cast<size_t>(end - in), write)) {
-      in += 4 * groups;
-      write += 3 * groups;
-      continue;
-    }
+    const size_t groups = decode_groups(in, static_cast<size_t>(end - in) / 4, write);
+    in += 4 * groups;
+    write += 3 * groups;
+    if (groups > 0 && (end - in < 4 || !counts(*in))) continue;
     uint8_t group[4];
     if (!gather_group(in, end, group)) break;
     const size_t written = decode_group(group, write);
