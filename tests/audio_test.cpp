@@ -1,5 +1,6 @@
 // Audio headers against a plain model of header and search, in buffers ending at an unreadable page.
 #include <cstring>
+#include <map>
 
 #include "bytes.h"
 #include "qmxutil_audio.h"
@@ -73,26 +74,42 @@ TEST_F(AudioTest, DecodesEveryFieldOfAnyWord) {
 }
 
 TEST_F(AudioTest, HeadersWithoutAFrameSize) {
-  const struct {
-    uint32_t header, result, frame_size;
-    const char* layer = "";
-  } cases[] = {{0xFFFB0064, 32, 0},  // free format
-               {0xFFE31CC4, 9, 0},   // no sample rate
-               {0xFFFF9064, 0, 77, "1"},
-               {0xFFFC9064, 2, 77, "2"},
-               {0xFFF99064, 0, 77, "4"}};
-  for (const auto& c : cases) {
-    recording().clear_traces();
+  const auto decode = [](uint32_t header, uint32_t frame_size) {
     MP3HeaderInfo info;
     info.frameSize = 77;
-    EXPECT_EQ(UtilDecode_mp3header(&info, c.header), c.result) << std::hex << c.header;
-    EXPECT_EQ(info.frameSize, c.frame_size) << std::hex << c.header;
-    const auto traces = recording().traces();
-    ASSERT_EQ(traces.size(), c.frame_size == 77);
-    if (traces.empty()) continue;
-    EXPECT_EQ(traces[0].module + traces[0].function, "utilaudioUtilDecode_mp3header");
-    EXPECT_EQ(traces[0].text, string("[Reader]\tSorry, layer ") + c.layer + " not supported\n");
+    const uint32_t result = UtilDecode_mp3header(&info, header);
+    EXPECT_EQ(info.frameSize, frame_size) << std::hex << header;
+    return result;
+  };
+  EXPECT_EQ(decode(0xFFFB0064, 0), 32u) << "free format";
+  EXPECT_EQ(decode(0xFFE31CC4, 0), 9u) << "no sample rate";
+  EXPECT_EQ(decode(0xFFFF9064, 77), 0u);
+  EXPECT_EQ(decode(0xFFFC9064, 77), 2u);
+  EXPECT_EQ(decode(0xFFF99064, 77), 0u);
+  string traced;
+  for (const auto& trace : recording().traces()) traced += trace.module + ' ' + trace.function + trace.text;
+  const string place = "utilaudio UtilDecode_mp3header[Reader]\tSorry, layer ", rest = " not supported\n";
+  EXPECT_EQ(traced, place + "1" + rest + place + "2" + rest + place + "4" + rest);
+}
+
+// Where frames begin in data that arrives in pieces, kept as the header says.
+std::vector<size_t> frames_of(const string& data, size_t piece) {
+  std::vector<size_t> frames;
+  for (size_t kept = 0, arrived = 0; arrived < data.size();) {
+    arrived = std::min(data.size(), arrived + piece);
+    const GuardedBytes bytes(data.substr(kept, arrived - kept));
+    const uint8_t *position = bytes.data(), *begin = nullptr, *frame = nullptr;
+    uint32_t remaining = bytes.size(), length = 0;
+    for (;; position += length, remaining -= length) {
+      begin = position;
+      frame = QMXUtil_GetMP3Frame(&position, &remaining, &length, nullptr);
+      if (frame == nullptr || length > remaining) break;
+      frames.push_back(kept + static_cast<size_t>(frame - bytes.data()));
+    }
+    if (frame == nullptr && position > begin) --position;  // not confirmed yet
+    kept += static_cast<size_t>(position - bytes.data());
   }
+  return frames;
 }
 
 TEST_F(AudioTest, SearchEndsWhereAPlainScanEnds) {
@@ -110,6 +127,7 @@ TEST_F(AudioTest, SearchEndsWhereAPlainScanEnds) {
     if (chance(3)) data.resize(data.size() - below(data.size() - garbage + 1));
     if (round < 2) data = hex("FF FB 90 64") + string(static_cast<size_t>(round), 0);
 
+    ASSERT_EQ(frames_of(data, 8 + below(chance(4) ? 30 : 2000)), frames_of(data, data.size()));
     const GuardedBytes bytes(data);
     const auto [end, found] = model_search(data);
     const uint8_t* position = bytes.data();
@@ -134,7 +152,7 @@ TEST_F(AudioTest, SearchEndsWhereAPlainScanEnds) {
   }
 }
 
-TEST_F(AudioTest, AacConfiguration) {
+TEST_F(AudioTest, AacConfigurationsAndSamplesPerFrame) {
   static const uint32_t rates[16] = {96000, 88200, 64000, 48000, 44100, 32000,
                                      24000, 22050, 16000, 12000, 11025, 8000};
   for (uint32_t word = 0; word < 0x10000; word += 13) {
@@ -144,13 +162,11 @@ TEST_F(AudioTest, AacConfiguration) {
     const AudioInfo expected = {1, rates[word >> 7 & 15], word >> 3 & 15, {4, 5, 6}, 7};
     ASSERT_EQ(std::memcmp(&info, &expected, sizeof info), 0);
   }
-}
-
-TEST_F(AudioTest, SamplesPerFrameByFormatCode) {
-  const std::pair<uint32_t, uint32_t> known[] = {{0, 0},      {1, 1600},   {2, 1024}, {3, 0},
-                                                 {17, 1024},  {85, 1152},  {86, 0},   {253, 2048},
-                                                 {254, 2048}, {255, 1024}, {256, 0}};
-  for (const auto& [format, samples] : known) EXPECT_EQ(QMXUtil_GetAudioSampleSize(format), samples);
+  const std::map<uint32_t, uint32_t> samples = {{1, 1600},   {2, 1024},   {17, 1024}, {85, 1152},
+                                                {253, 2048}, {254, 2048}, {255, 1024}};
+  for (uint32_t format = 0; format < 300; ++format) {
+    EXPECT_EQ(QMXUtil_GetAudioSampleSize(format), samples.contains(format) ? samples.at(format) : 0);
+  }
 }
 
 }  // namespace

@@ -13,6 +13,33 @@ expect_exit() { # STATUS arguments…
   "$qmxutil" "${@:2}" >/dev/null 2>&1 || status=$?
   [ "$status" = "$1" ] || fail "exit $status instead of $1: ${*:2}"
 }
+# What is reported is what ffprobe says, but that H.264 has the coded size, and none for profile 244.
+while IFS='|' read -r clip facts; do
+  [ "${clip##*.}" != asc ] || continue
+  report=$("$qmxutil" probe "$clip" --json)
+  while IFS='=' read -r -d '|' fact value; do
+    case ${clip##*.}:$fact in
+      264:pic_width_in_mbs_minus1) field=width value=$((16 * value + 16)) ;;
+      264:pic_height_in_map_units_minus1) field=height value=$((16 * value + 16)) ;;
+      264:max_num_ref_frames) field=referenceFrames ;;
+      264:profile_idc | 265:general_profile_idc) field=profile ;;
+      avcc:nal_length_size) field=nalLengthSize ;;
+      265:chroma_format_idc) field=chromaFormat ;;
+      265:coded_width | m??:width | vol:width) field=width ;;
+      265:coded_height | m??:height | vol:height) field=height ;;
+      *:sample_rate) field=sampleRate ;;
+      *:channels | 26?:level | ?vcc:level) field=$fact ;;
+      *) continue ;;
+    esac
+    [[ $clip:$field =~ 444.264:[hrw] || $report =~ \"$field\":\ ${value}[,[:space:]] ]] || fail "$clip: no $field $value"
+  done <<<"$facts|"
+done <ffprobe.txt
+for samples in h264*.samples; do
+  "$qmxutil" convert --to annexb "$samples" "$work/annexb" >/dev/null
+  "$qmxutil" convert --to lengths "$work/annexb" "$work/lengths" >/dev/null
+  cmp "$samples" "$work/lengths"
+done
+
 declare -A kinds=([264]=h264 [265]=h265 [avcc]=avcc [hvcc]=hvcc [m1v]=mpeg12 [m2v]=mpeg12 [m4v]=mpeg4 [vol]=mpeg4
   [mp3]=mp3 [asc]=aac)
 while IFS='|' read -r clip _; do

@@ -328,7 +328,10 @@ void QMX_List_Node_delete(QMXListNode* node) { NEXT(QMX_List_Node_delete)(drop("
 QMXBit* QMXBitOpen(const uint8_t* buffer, uint32_t length) {
   return fails(Op::kBitOpen, "BitOpen %u", length) ? nullptr : hold(NEXT(QMXBitOpen)(buffer, length));
 }
-void QMXBitClose(QMXBit* handle) { NEXT(QMXBitClose)(drop("BitClose", handle)); }
+void QMXBitClose(QMXBit* handle) {
+  const std::string call = "BitClose " + std::to_string(NEXT(QMXBitGetProcessed)(handle));
+  NEXT(QMXBitClose)(drop(call.c_str(), handle));
+}
 
 QMXByte* QMXByte_Open(const uint8_t* buffer, uint32_t length) {
   return fails(Op::kByteOpen, "ByteOpen %u", length) ? nullptr : hold(NEXT(QMXByte_Open)(buffer, length));

@@ -69,7 +69,8 @@ class RecordingBase {
   // What was called, one text a call, such as "FileOpen /tmp/a.ini 0xF0000002", "FileSeek 0 2",
   // "FileRead 120", "FileWrite 120", "FileSync", "FileClose", "Malloc 2048 0" (size, fill), "Calloc 1 32 0",
   // "Free", "ThreadSleep 100", "ReaderOpen path", "ReaderGetInfo", "ReaderReadFrame 3 1024" (kind, capacity),
-  // "ReaderClose". Reads of bits and bytes are not recorded, their opens and closes are.
+  // "ReaderClose". Reads of bits and bytes are not recorded, opens ("BitOpen 20", bytes) and
+  // closes ("BitClose 153", bits read) are.
   std::vector<std::string> calls() const;
   std::vector<std::string> calls_of(const std::string& prefix) const;
   void clear_calls();
