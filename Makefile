@@ -1,26 +1,23 @@
 # `make demo` and `make test` are all that a newcomer needs; each installs what is missing, builds, and runs.
 .PHONY: demo test bench bench-arm64 bench-arm64-check bench-arm64-accept fuzz coverage valgrind docs package clean
 
-JOBS := $(shell nproc)
 SECONDS_EACH ?= 60
 BENCH_FILTER ?= .
+PACKAGE_PRESET ?= package
 
-# $(call build,preset[,configure options])
-define build
-	@cmake --preset $(1) $(2) >/dev/null
-	@cmake --build --preset $(1) -j $(JOBS) -- --quiet
-endef
+# $(call build,preset[,target])
+build = @scripts/build.sh $(1) $(2)
 
 demo:
 	@scripts/install-packages.sh build
-	$(call build,release)
+	$(call build,release,qmxutil_command)
 	@scripts/demo-streams.sh build/release/tools/qmxutil
 	@scripts/demo-ini.sh build/release/tools/qmxutil
 
 test:
 	@scripts/install-packages.sh build
 	$(call build,release)
-	@ctest --preset release -j $(JOBS) --progress
+	@scripts/run-tests.sh release
 
 bench:
 	@scripts/install-packages.sh build bench
@@ -53,11 +50,13 @@ docs:
 	@scripts/install-packages.sh docs
 	@mkdir -p build/docs
 	@doxygen docs/Doxyfile
+	@echo "Open build/docs/html/index.html"
 
+# For the device: make package PACKAGE_PRESET=package-arm64
 package:
 	@scripts/install-packages.sh build package
-	$(call build,release)
-	@cd build/release && cpack -G DEB
+	$(call build,$(PACKAGE_PRESET))
+	@umask 022 && cd build/$(PACKAGE_PRESET) && cpack -G DEB
 
 clean:
 	@rm -rf build

@@ -32,13 +32,16 @@ if [ "$(id -u)" -ne 0 ]; then
   if ! command -v sudo >/dev/null; then
     echo "These Debian packages are missing: ${missing[*]}" >&2
     echo "Installing them takes root, and there is no sudo here. As root, run:" >&2
+    echo "  apt-get update" >&2
     echo "  apt-get install --no-install-recommends ${missing[*]}" >&2
     exit 1
   fi
   as_root=(sudo)
 fi
 
-echo "Installing: ${missing[*]}"
+echo "Installing Debian packages, which takes a minute or two:"
+fold -s -w 76 <<<"${missing[*]}" | sed 's/^/  /'
+umask 022 # what is installed is for everybody
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! { "${as_root[@]}" apt-get update &&

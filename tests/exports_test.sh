@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# What the built libraries show to a linker and a loader: exactly the declared functions and tables, no run-time
-# C++ library, and the hardening that a release build promises.
-#   exports_test.sh SOURCE BUILD   (in the environment: NM, READELF, SIZE_LIMIT in bytes for libqmxutil.so, or none)
+# What the built libraries show to a compiler, a linker and a loader: the committed interface, no run-time C++ library,
+# and the hardening that a release build promises. The interface, tests/data/abi.txt, lists every exported symbol (of a
+# table, its size), and size and offset of every field of every record in the headers. A difference means that
+# programs built earlier may break; one that is wanted is committed:   exports_test.sh SOURCE BUILD >tests/data/abi.txt
+#   exports_test.sh SOURCE BUILD [compare]   (in the environment: CC, NM, READELF, EMULATOR, and SIZE_LIMIT in bytes
+#   for libqmxutil.so, or none)
 set -euo pipefail
 source=$1
-build=$2
+libraries=("$2/src/libqmxutil.so" "$2/platform/libqmxbase.so")
+headers=("$source"/base/qmx_*.h "$source"/include/qmxutil_*.h)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0
@@ -13,50 +17,72 @@ fail() {
   failed=1
 }
 
-# check_exports LIBRARY MARK HEADER...: the symbols exported are those declared with MARK.
-check_exports() {
-  local library=$1 mark=$2
-  shift 2
-  "$NM" -D --defined-only "$library" | awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' | sort >"$work/exported"
-  sed -e '/^#/d' -e '/\\$/d' "$@" | tr '\n' ' ' | sed 's:/\*[^*]*\*\+\([^/*][^*]*\*\+\)*/::g' |
-    grep -oE "\b$mark [^;(]*[(;]" | sed -E 's/(\[[^]]*\])* *[(;]$//; s/.*[ *]//' | sort >"$work/declared"
-  [ -s "$work/declared" ] || fail "no declarations found in $*"
-  diff -u --label "declared in the headers" --label "exported by ${library##*/}" "$work/declared" "$work/exported" >&2 ||
-    fail "exports and headers differ"
-}
+# A program that prints the records. Comments away; within "typedef struct NAME { … } NAME;" the name of a field is
+# the last word of its line, or stands in (*name) when it is a function's address.
+{
+  printf '#include "%s"\n' stddef.h stdio.h "${headers[@]##*/}"
+  echo 'int main(void) {'
+  for header in "${headers[@]}"; do
+    "$CC" -w -fpreprocessed -dD -E -P "$header"
+  done | tee "$work/code" | awk '
+    /^typedef struct [A-Za-z0-9_]+ \{/ {
+      record = $3
+      printf "printf(\"%%s %%zu\\n\", \"%s\", sizeof(%s));\n", record, record
+      next
+    }
+    /^\}/ {record = ""}
+    record != "" && /;/ {
+      field = $0
+      if (!sub(/\).*/, "", field) || !sub(/.*\(\*/, "", field)) {
+        field = $0
+        sub(/(\[[^]]*\])*;.*/, "", field)
+        sub(/.*[ *]/, "", field)
+      }
+      printf "printf(\"  %%s %%zu %%zu\\n\", \"%s\", offsetof(%s, %s), sizeof(((%s*)0)->%s));\n",
+        field, record, field, record, field
+    }'
+  echo 'return 0; }'
+} >"$work/layout.c"
+"$CC" -std=c11 -I"$source/include" -I"$source/base" -o "$work/layout" "$work/layout.c"
+{
+  for library in "${libraries[@]}"; do
+    echo "# Exported by ${library##*/}; of tables their size in bytes (hexadecimal)"
+    "$NM" -D -S --defined-only "$library" | awk '$3 == "T" {print $4} $3 ~ /[RDB]/ {print $4, $2}' | sed 's/@@/ /' |
+      LC_ALL=C sort
+  done | tee "$work/exported"
+  echo "# Records with their size; fields with offset and size"
+  ${EMULATOR:-} "$work/layout"
+} >"$work/abi.txt"
+if [ "${3:-}" != compare ]; then
+  cat "$work/abi.txt"
+  exit
+fi
+diff -u --label "tests/data/abi.txt" --label "as built" "$source/tests/data/abi.txt" "$work/abi.txt" ||
+  fail "the interface has changed"
+sed '/^#/d' "$work/code" | tr '\n' ' ' | grep -oE '\bQMX_(BASE_)?API [^;(]*[(;]' |
+  sed -E 's/(\[[^]]*\])* *[(;]$//; s/.*[ *]//' | sort | diff - <(sed '/^#/d; s/ .*//' "$work/exported" | sort) ||
+  fail "what the headers declare (<) is not what is exported (>)"
 
-# has LIBRARY TEXT PATTERN WHAT, lacks …: whether a dump has a line like PATTERN.
-has() { grep -qE "$3" <<<"$2" || fail "${1##*/}: no $4"; }
-lacks() { ! grep -qE "$3" <<<"$2" || fail "${1##*/}: has $4"; }
-
-check_hardening() {
-  local library=$1 dynamic segments sections symbols
+# has TEXT PATTERN WHAT, lacks …: whether a dump of the library has a line like PATTERN.
+has() { grep -qE "$2" <<<"$1" || fail "${library##*/}: no $3"; }
+lacks() { ! grep -qE "$2" <<<"$1" || fail "${library##*/}: has $3"; }
+for library in "${libraries[@]}"; do
   dynamic=$("$READELF" -dW "$library")
   segments=$("$READELF" -lW "$library")
-  sections=$("$READELF" -SW "$library")
   symbols=$("$NM" -D "$library")
-  has "$library" "$dynamic" "SONAME.*\[${library##*/}\.1\]" "SONAME ${library##*/}.1"
-  has "$library" "$dynamic" 'BIND_NOW|FLAGS_1.*NOW' "BIND_NOW"
-  has "$library" "$segments" 'GNU_RELRO' "RELRO"
-  has "$library" "$segments" 'GNU_STACK.* RW ' "stack that is not executable"
-  has "$library" "$symbols" 'U __stack_chk_fail' "stack protector"
-  has "$library" "$symbols" 'U __[a-z]+_chk' "calls with checked bounds (_FORTIFY_SOURCE)"
-  lacks "$library" "$dynamic" 'TEXTREL' "text relocations"
-  lacks "$library" "$dynamic" 'NEEDED.*lib(stdc|c\+\+|gcc_s)' "need of a run-time C++ library"
+  has "$dynamic" "SONAME.*\[${library##*/}\.1\]" "SONAME ${library##*/}.1"
+  has "$dynamic" 'BIND_NOW|FLAGS_1.*NOW' "BIND_NOW"
+  has "$segments" 'GNU_RELRO' "RELRO"
+  has "$segments" 'GNU_STACK.* RW ' "stack that is not executable"
+  has "$symbols" 'U __stack_chk_fail' "stack protector"
+  has "$symbols" 'U __[a-z]+_chk' "calls with checked bounds (_FORTIFY_SOURCE)"
+  lacks "$dynamic" 'TEXTREL' "text relocations"
+  lacks "$dynamic" 'NEEDED.*lib(stdc|c\+\+|gcc_s)' "need of a run-time C++ library"
   # Nothing of ours runs at load: the one entry is the compiler's own.
-  has "$library" "$sections" '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' "load without constructors"
-}
+  has "$("$READELF" -SW "$library")" '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' "load without constructors"
+done
 
-qmxutil=$build/src/libqmxutil.so
-qmxbase=$build/platform/libqmxbase.so
-check_exports "$qmxutil" QMX_API "$source"/include/qmxutil_*.h
-check_exports "$qmxbase" QMX_BASE_API "$source"/base/qmx_*.h
-check_hardening "$qmxutil"
-check_hardening "$qmxbase"
-
-has "$qmxutil" "$("$NM" -D "$qmxutil")" 'U QMX_Trace$' "base library outside itself"
-
-size=$(stat -Lc %s "$qmxutil")
+size=$(stat -Lc %s "${libraries[0]}")
 echo "libqmxutil.so: $size bytes"
 [ -z "${SIZE_LIMIT:-}" ] || [ "$size" -lt "$SIZE_LIMIT" ] || fail "libqmxutil.so is not under $SIZE_LIMIT bytes"
 exit $failed

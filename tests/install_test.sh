@@ -1,76 +1,61 @@
 #!/usr/bin/env bash
-# Installs the build into an empty prefix and uses it as a stranger would: every example by pkg-config as C and by
-# CMake as C++, a program of its own that runs, the command, its man page and its completion.
+# Installs the build into an empty prefix, moves it, and uses it as a stranger would: a program by pkg-config, the
+# examples by CMake, the command, its man page and its completion. The names hold blanks, the umask is a careful one's.
 #   install_test.sh SOURCE BUILD   (in the environment: CC, TOOLCHAIN, EMULATOR)
 set -euo pipefail
+umask 077
 source=$1
 build=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-run() { LD_LIBRARY_PATH=$prefix/lib ${EMULATOR:-} "$@"; }
+prefix="$work/a prefix"
 fail() {
   echo "install_test: $*" >&2
   exit 1
 }
+run() { env -u LD_LIBRARY_PATH ${EMULATOR:-} "$@"; }
+# is EXPECTED PROGRAM ARGUMENT...
+is() {
+  local said
+  said=$(run "${@:2}") || fail "$2 ends with $?"
+  [ "$said" = "$1" ] || fail "$2 said: $said"
+}
 
 cmake --install "$build" --prefix "$work/first" >/dev/null
-mv "$work/first" "$work/prefix" # nothing may remember where it was installed
-prefix=$work/prefix
-! grep -rIl "$work\|$build\|$source" "$prefix" || fail "these files know the place they were made in"
+mv "$work/first" "$prefix"
+! grep -rIlF -e "$work" -e "$build" -e "$source" "$prefix" || fail "these files know the place they were made in"
+closed=$(find "$prefix" -mindepth 1 ! -perm -o+r -o -mindepth 1 -type d ! -perm -o+x)
+[ -z "$closed" ] || fail "not for everybody: $closed"
 
-mkdir "$work/app"
-cp "$source"/examples/*.c "$work/app/" 2>/dev/null || true
-cat >"$work/app/position.c" <<'END'
-#include <qmxbase.h>
-#include <qmxutil.h>
-#include <stdio.h>
-
-int main(void) {
-  const GpsMapPoint point = QMXUtil_GPSConvToMap(0, 1, 4530.0F, 100.0F);
-  char text[64];
-  QMX_snprintf(text, sizeof text, "position %d %d", (int)point.latitudeE5, (int)point.longitudeE5);
-  puts(text);
-  return 0;
-}
-END
-run_position() {
-  local said
-  said=$(run "$1")
-  [ "$said" = "position -4550000 100000" ] || fail "$1 said: $said"
-}
-
-pc=$(find "$prefix" -name qmxutil.pc -printf '%h')
+# The examples are installed too: what is built is what is installed.
+examples="$prefix/share/doc/qmxutil/examples"
+pc=$(dirname "$(find "$prefix" -name qmxutil.pc)")
 flags=$(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs qmxutil)
-for program in "$work"/app/*.c; do
-  # shellcheck disable=SC2086
-  "${CC:-cc}" -std=c11 -Wall -Wextra -Wpedantic -Werror -o "${program%.c}-c" "$program" $flags
-done
-run_position "$work/app/position-c"
-
-cat >"$work/app/CMakeLists.txt" <<'END'
-cmake_minimum_required(VERSION 3.16)
-project(app LANGUAGES C CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(qmxutil 1.0 REQUIRED)
-file(GLOB programs *.c)
-set_source_files_properties(${programs} PROPERTIES LANGUAGE CXX)
-foreach(program ${programs})
-  get_filename_component(name ${program} NAME_WE)
-  add_executable(${name} ${program})
-  target_link_libraries(${name} PRIVATE qmxutil::qmxutil)
-endforeach()
-END
-cmake -S "$work/app" -B "$work/app/build" -Dqmxutil_DIR="$pc/../cmake/qmxutil" \
+eval "\"${CC:-cc}\" -std=c11 -Wall -Wextra -Wpedantic -Werror -o \"$work/text\" \"$examples/text_values.c\" $flags" \
+  "-Wl,-rpath,\"$(dirname "$pc")\""
+"$work/text" >/dev/null 2>&1 || [ -n "${EMULATOR:-}" ] || fail "the program built by pkg-config"
+cmake -S "$examples" -B "$work/built" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_ROOT_PATH="$prefix" \
   ${TOOLCHAIN:+-DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN"} >/dev/null
-cmake --build "$work/app/build" -j 2 >"$work/log" 2>&1 || { cat "$work/log"; fail "the CMake build"; }
-run_position "$work/app/build/position"
+cmake --build "$work/built" -j 2 >"$work/log" 2>&1 || { cat "$work/log"; fail "the examples by CMake"; }
+is "$(run "$work/text")" "$work/built/example_text_values"
 
-[ "$(run "$prefix/bin/qmxutil" gps 4530.0 S 00100.0 E)" = "-45.50000 1.00000" ] || fail "the installed command"
+# Taken into another project as it is, under the same name.
+cat >"$work/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(app LANGUAGES C CXX)
+add_subdirectory("$source" qmxutil)
+add_executable(app "$examples/text_values.c")
+target_link_libraries(app PRIVATE qmxutil::qmxutil)
+END
+cmake -S "$work" -B "$work/taken_in" -G Ninja ${TOOLCHAIN:+-DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN"} >/dev/null ||
+  fail "add_subdirectory"
+[ -z "$(find "$work/taken_in" -name tests -o -name tools)" ] || fail "add_subdirectory brings tests or the command"
+
+is "-45.50000 1.00000" "$prefix/bin/qmxutil" gps 4530.0 S 00100.0 E
 run "$prefix/bin/qmxutil" --help | sed -n '/^Subcommands:/,$s/^  \([a-z0-9-]\+\).*/\1/p' >"$work/subcommands"
 [ -s "$work/subcommands" ] || fail "the command lists no subcommands"
-page=$prefix/share/man/man1/qmxutil.1
 while read -r name; do
-  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$page" || fail "the man page says nothing of $name"
+  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$prefix/share/man/man1/qmxutil.1" || fail "the man page says nothing of $name"
 done <"$work/subcommands"
 
 if [ -z "${EMULATOR:-}" ]; then
