@@ -1,5 +1,6 @@
 # `make demo` and `make test` are all that a newcomer needs; each installs what is missing, builds, and runs.
-.PHONY: demo test bench bench-arm64 bench-arm64-check bench-arm64-accept fuzz coverage valgrind docs package clean
+.PHONY: demo test bench bench-arm64 bench-arm64-check bench-arm64-accept fuzz coverage valgrind docs package \
+  clean
 
 SECONDS_EACH ?= 60
 BENCH_FILTER ?= .

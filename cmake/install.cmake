@@ -1,11 +1,11 @@
-# cmake --install: libraries, headers, pkg-config and CMake packages, documentation, the command with man page and
-# completion. Three components, as the packages are cut: library, development, command; and debug for the debug info.
+# cmake --install: libraries, headers, pkg-config and CMake packages, documentation, the command with man page
+# and completion. Components as the packages are cut: library, development, command; and debug for the debug info.
 include(CMakePackageConfigHelpers)
 
 set(header_dir ${CMAKE_INSTALL_INCLUDEDIR}/qmxutil)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qmxutil)
 
-# Directories are for everybody, whatever the umask of whoever installs. (Packages are made under one of their own.)
+# Directories are for everybody, whatever the umask of whoever installs (packages are made under one of their own).
 set(directories ${CMAKE_INSTALL_LIBDIR}/pkgconfig ${package_dir} ${header_dir}
   ${CMAKE_INSTALL_DOCDIR}/docs ${CMAKE_INSTALL_DOCDIR}/examples)
 get_target_property(debug qmxutil QMX_DEBUG_FILE)
@@ -39,7 +39,8 @@ install(DIRECTORY include/ base/ DESTINATION ${header_dir} COMPONENT development
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.md" PATTERN "*.c" PATTERN "*.cpp" PATTERN "CMakeLists.txt"
   PATTERN "base_library" EXCLUDE)
-install(FILES CHANGELOG.md LICENSE README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(FILES CHANGELOG.md LICENSE README.md SECURITY.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 
 # The files find their prefix from where they lie, so that an installed tree can be moved.
 file(RELATIVE_PATH to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)

@@ -6,18 +6,23 @@ cd "$(dirname "$0")/.."
 preset=$1
 target=${2:-all}
 cmake --preset "$preset" "${@:3}" >/dev/null
-progress=tenths # a line at each tenth; on a terminal one line that counts
-[ ! -t 1 ] || progress=steps
-cmake --build --preset "$preset" --target "$target" -j "$(nproc)" | awk -v name="build/$preset" -v progress=$progress '
-  match($1, /^\[[0-9]+\/[0-9]+\]$/) {
-    split(substr($1, 2, RLENGTH - 2), step, "/")
-    if (progress == "steps") printf "\r%s: %d of %d steps", name, step[1], step[2]
-    else if (int(10 * step[1] / step[2]) > tenths) printf "%s: %d of %d steps\n", name, step[1], step[2]
-    tenths = int(10 * step[1] / step[2])
-    begun = 1
-    fflush()
-    next
-  }
-  /^ninja: no work to do\.$/ { next }
-  { if (begun && progress == "steps") print ""; begun = 0; print; fflush() }
-  END { if (begun && progress == "steps") print "" }'
+
+# A line at each tenth; on a terminal one line that counts.
+tenths=0 counting=
+cmake --build --preset "$preset" --target "$target" -j "$(nproc)" | while IFS= read -r line; do
+  if [[ $line =~ ^\[([1-9][0-9]*)/([0-9]+)\]\  ]]; then
+    at=${BASH_REMATCH[1]} all=${BASH_REMATCH[2]}
+    if [ -t 1 ]; then
+      printf '\rbuild/%s: %d of %d steps' "$preset" "$at" "$all"
+      counting=yes
+      [ "$at" != "$all" ] || { echo; counting=; }
+    elif ((10 * at / all > tenths)); then
+      printf 'build/%s: %d of %d steps\n' "$preset" "$at" "$all"
+    fi
+    tenths=$((10 * at / all))
+  elif [[ $line != "[0/"* && $line != "ninja: no work to do." ]]; then
+    [ -z "$counting" ] || echo
+    counting=
+    printf '%s\n' "$line"
+  fi
+done

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Holds the pages to what is there:
-# - behind "<!-- from FILE -->" every line of the next indented block stands in FILE (which is compiled and run), but
-#   for blanks at its beginning;
+# - after "<!-- from FILE -->" every line of the next indented block stands in FILE (which is compiled and run),
+#   but for blanks at its beginning;
 # - links lead to a file, and to a heading of it; the folders that docs/contributing.md names exist;
-# - an indented "$ COMMAND" prints what stands below it ("..." is anything), on the clips. Lines that start with
-#   ffmpeg or ffprobe, and what follows them, wait for a machine that has these.
+# - an indented "$ COMMAND" prints what stands below it ("..." is anything), on the clips. What a page runs from its
+#   first ffmpeg on waits for a machine that has it.
 #   scripts/check-docs.sh FOLDER_OF_THE_BUILD
 set -euo pipefail
 build=$(realpath "$1")
@@ -58,8 +58,9 @@ check_output() {
   else
     outputs=$((outputs + 1))
     printed=$(cd "$work" && eval "$command" 2>&1 </dev/null) || fail "$command ends with $?: $printed"
+    pattern=$(sed 's/[][\\*?]/\\&/g; s/\.\.\./*/g' <<<"$shown")
     # shellcheck disable=SC2053
-    [[ $printed == $(sed 's/[][\\*?]/\\&/g; s/\.\.\./*/g' <<<"$shown") ]] || fail "$command prints:"$'\n'"$printed"
+    [[ $printed == $pattern ]] || fail "$command prints:"$'\n'"$printed"
   fi
   command=
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Packages and device images for aarch64: what the Buildroot package and the Yocto recipe set configures, builds and
-# installs, with the cross compiler, into an empty root just the files that the Debian packages hold.
-#   scripts/check-packaging.sh BUILD   (a build of the preset package-arm64 is made there; what is built is used again)
+# Packages and device images for aarch64: what the Buildroot package and the Yocto recipe set configures, builds
+# and installs, with the cross compiler, into an empty root just the files that the Debian packages hold.
+#   scripts/check-packaging.sh BUILD   (a build of the preset package-arm64; what is there already is used again)
 set -euo pipefail
 umask 077
 build=$(realpath -m "$1")
@@ -51,10 +51,10 @@ yocto_options=$(sed -n 's/^EXTRA_OECMAKE = "\(.*\)"$/\1/p' "$recipe")
 for options in "$buildroot_options" "$yocto_options"; do
   rm -rf "$work/image"
   # shellcheck disable=SC2086
-  cmake -S . -B "$build" -G Ninja --toolchain cmake/arm64.cmake -DCMAKE_BUILD_TYPE=Release \
+  cmake --no-warn-unused-cli -S . -B "$build" -G Ninja --toolchain cmake/arm64.cmake -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib $options >/dev/null
   cmake --build "$build" >/dev/null
   DESTDIR="$work/image" cmake --install "$build" >/dev/null
-  diff <(files "$work/packages") <(files "$work/image") || fail "packages (<) and image (>) differ with $options"
+  diff <(files "$work/packages") <(files "$work/image") || fail "packages (<), image (>): $options"
 done
 echo "$(files "$work/image" | wc -l) files, the same in the packages and in the images of Buildroot and Yocto"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Follows README.md and docs/porting.md word for word, as a stranger would: in a clone whose path holds blanks, under a
-# careful umask, with a /usr/local of its own and no LD_LIBRARY_PATH. Every block of shell commands is run, in order,
-# and what a plain block shows after it has to be printed ("..." is anything). What `make demo` prints fits 80 columns.
+# Follows README.md and docs/porting.md word for word, as a stranger would: in a clone whose path holds blanks, under
+# a careful umask, with a /usr/local of its own and no LD_LIBRARY_PATH. Every block of shell commands is run, in
+# order, and what a plain block shows after it has to be printed ("..." is anything). What `make demo` prints fits
+# 80 columns.
 #   scripts/check-pages.sh [FOLDER]   (where the clone is made, and left; it must not be there yet)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -48,12 +49,12 @@ for page in README.md docs/porting.md; do
   script_of "$page" >build/page.sh
   grep -q '^cmake ' build/page.sh || fail "no commands in $page"
   echo "$page: $(grep -c . build/page.sh) lines"
-  bash -euxo pipefail build/page.sh >build/page.log 2>&1 || { cat build/page.log; fail "$page does not hold"; }
+  bash -euxo pipefail build/page.sh >build/page.log 2>&1 || { cat build/page.log; fail "$page"; }
   grep -E '^\+ |tests passed|^skipped' build/page.log | cut -c1-120
   long=$(sed -n '/^+ make demo/,/^+ make test/p' build/page.log | awk 'length($0) > 80')
   [ -z "$long" ] || fail "longer than 80 columns: $long"
 done
-[ -z "$(find build/device build/image -name 'libqmxbase*')" ] || fail "a stand-in was built over the device's base library"
+[ -z "$(find build/device build/image -name 'libqmxbase*')" ] || fail "a stand-in over a device's library"
 # A port does not take the tests along: they are still there, and still run over the stand-in.
 scripts/run-tests.sh release -R exports >/dev/null
 if ctest --preset release -R no-such-test >/dev/null 2>&1; then fail "no test ran, and that passed"; fi

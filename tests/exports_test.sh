@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# What the built libraries show to a compiler, a linker and a loader: the committed interface, no run-time C++ library,
-# and the hardening that a release build promises. The interface, tests/data/abi.txt, lists every exported symbol (of a
-# table, its size), and size and offset of every field of every record in the headers. A difference means that
-# programs built earlier may break; one that is wanted is committed:   exports_test.sh SOURCE BUILD >tests/data/abi.txt
-#   exports_test.sh SOURCE BUILD [compare]   (in the environment: CC, NM, READELF, EMULATOR, and SIZE_LIMIT in bytes
-#   for libqmxutil.so, or none)
+# What the built libraries show to a compiler, a linker and a loader: the committed interface, no run-time C++
+# library, and the hardening that a release build promises. The interface, tests/data/abi.txt, lists every exported
+# symbol (of a table, its size), and size and offset of every field of every record in the headers. A difference
+# means that programs built earlier may break; one that is wanted is committed: exports_test.sh … >tests/data/abi.txt
+#   exports_test.sh SOURCE BUILD [compare]   (in the environment: CC, NM, READELF, EMULATOR, and SIZE_LIMIT in
+#   bytes for libqmxutil.so, or none)
 set -euo pipefail
 source=$1
 libraries=("$2/src/libqmxutil.so" "$2/platform/libqmxbase.so")
@@ -17,8 +17,8 @@ fail() {
   failed=1
 }
 
-# A program that prints the records. Comments away; within "typedef struct NAME { … } NAME;" the name of a field is
-# the last word of its line, or stands in (*name) when it is a function's address.
+# A program that prints the records. Comments away; within "typedef struct NAME { … } NAME;" the name of a field
+# is the last word of its line, or stands in (*name) when it is a function's address.
 {
   printf '#include "%s"\n' stddef.h stdio.h "${headers[@]##*/}"
   echo 'int main(void) {'
@@ -47,8 +47,8 @@ fail() {
 {
   for library in "${libraries[@]}"; do
     echo "# Exported by ${library##*/}; of tables their size in bytes (hexadecimal)"
-    "$NM" -D -S --defined-only "$library" | awk '$3 == "T" {print $4} $3 ~ /[RDB]/ {print $4, $2}' | sed 's/@@/ /' |
-      LC_ALL=C sort
+    "$NM" -D -S --defined-only "$library" |
+      awk '$3 == "T" {print $4} $3 ~ /[RDB]/ {print $4, $2}' | sed 's/@@/ /' | LC_ALL=C sort
   done | tee "$work/exported"
   echo "# Records with their size; fields with offset and size"
   ${EMULATOR:-} "$work/layout"
@@ -60,7 +60,8 @@ fi
 diff -u --label "tests/data/abi.txt" --label "as built" "$source/tests/data/abi.txt" "$work/abi.txt" ||
   fail "the interface has changed"
 sed '/^#/d' "$work/code" | tr '\n' ' ' | grep -oE '\bQMX_(BASE_)?API [^;(]*[(;]' |
-  sed -E 's/(\[[^]]*\])* *[(;]$//; s/.*[ *]//' | sort | diff - <(sed '/^#/d; s/ .*//' "$work/exported" | sort) ||
+  sed -E 's/(\[[^]]*\])* *[(;]$//; s/.*[ *]//' | sort |
+  diff - <(sed '/^#/d; s/ .*//' "$work/exported" | sort) ||
   fail "what the headers declare (<) is not what is exported (>)"
 
 # has TEXT PATTERN WHAT, lacks …: whether a dump of the library has a line like PATTERN.
@@ -79,10 +80,11 @@ for library in "${libraries[@]}"; do
   lacks "$dynamic" 'TEXTREL' "text relocations"
   lacks "$dynamic" 'NEEDED.*lib(stdc|c\+\+|gcc_s)' "need of a run-time C++ library"
   # Nothing of ours runs at load: the one entry is the compiler's own.
-  has "$("$READELF" -SW "$library")" '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' "load without constructors"
+  sections=$("$READELF" -SW "$library")
+  has "$sections" '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' "load without constructors"
 done
 
 size=$(stat -Lc %s "${libraries[0]}")
 echo "libqmxutil.so: $size bytes"
-[ -z "${SIZE_LIMIT:-}" ] || [ "$size" -lt "$SIZE_LIMIT" ] || fail "libqmxutil.so is not under $SIZE_LIMIT bytes"
+[ -z "${SIZE_LIMIT:-}" ] || [ "$size" -lt "$SIZE_LIMIT" ] || fail "that is not under $SIZE_LIMIT"
 exit $failed

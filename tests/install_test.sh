@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the build into an empty prefix, moves it, and uses it as a stranger would: a program by pkg-config, the
-# examples by CMake, the command, its man page and its completion. The names hold blanks, the umask is a careful one's.
+# examples by CMake, the command, its man page and completion. The path holds a blank, the umask is a careful one.
 #   install_test.sh SOURCE BUILD   (in the environment: CC, TOOLCHAIN, EMULATOR)
 set -euo pipefail
 umask 077
@@ -23,7 +23,7 @@ is() {
 
 cmake --install "$build" --prefix "$work/first" >/dev/null
 mv "$work/first" "$prefix"
-! grep -rIlF -e "$work" -e "$build" -e "$source" "$prefix" || fail "these files know the place they were made in"
+! grep -rIlF -e "$work" -e "$build" -e "$source" "$prefix" || fail "these know where they were made"
 closed=$(find "$prefix" -mindepth 1 ! -perm -o+r -o -mindepth 1 -type d ! -perm -o+x)
 [ -z "$closed" ] || fail "not for everybody: $closed"
 
@@ -31,7 +31,7 @@ closed=$(find "$prefix" -mindepth 1 ! -perm -o+r -o -mindepth 1 -type d ! -perm 
 examples="$prefix/share/doc/qmxutil/examples"
 pc=$(dirname "$(find "$prefix" -name qmxutil.pc)")
 flags=$(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs qmxutil)
-eval "\"${CC:-cc}\" -std=c11 -Wall -Wextra -Wpedantic -Werror -o \"$work/text\" \"$examples/text_values.c\" $flags" \
+eval "\"${CC:-cc}\" -std=c11 -Wall -Wextra -Werror -o \"$work/text\" \"$examples/text_values.c\" $flags" \
   "-Wl,-rpath,\"$(dirname "$pc")\""
 "$work/text" >/dev/null 2>&1 || [ -n "${EMULATOR:-}" ] || fail "the program built by pkg-config"
 cmake -S "$examples" -B "$work/built" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_ROOT_PATH="$prefix" \
@@ -49,13 +49,13 @@ target_link_libraries(app PRIVATE qmxutil::qmxutil)
 END
 cmake -S "$work" -B "$work/taken_in" -G Ninja ${TOOLCHAIN:+-DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN"} >/dev/null ||
   fail "add_subdirectory"
-[ -z "$(find "$work/taken_in" -name tests -o -name tools)" ] || fail "add_subdirectory brings tests or the command"
+[ -z "$(find "$work/taken_in" -name tests -o -name tools)" ] || fail "add_subdirectory brings too much"
 
 is "-45.50000 1.00000" "$prefix/bin/qmxutil" gps 4530.0 S 00100.0 E
 run "$prefix/bin/qmxutil" --help | sed -n '/^Subcommands:/,$s/^  \([a-z0-9-]\+\).*/\1/p' >"$work/subcommands"
 [ -s "$work/subcommands" ] || fail "the command lists no subcommands"
 while read -r name; do
-  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$prefix/share/man/man1/qmxutil.1" || fail "the man page says nothing of $name"
+  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$prefix/share/man/man1/qmxutil.1" || fail "$name is not in the man page"
 done <"$work/subcommands"
 
 if [ -z "${EMULATOR:-}" ]; then
