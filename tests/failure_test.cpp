@@ -158,10 +158,8 @@ Case ini_close(const char* name, int32_t fixed_size) {
 
 const string kRecording = [] {
   qmxtest::Mp4 mp4;
-  mp4.records = {"record"};
-  mp4.deltas = {0};
-  mp4.chunk_lengths = {1};
-  mp4.metadata = qmxtest::be(5, 4);
+  mp4.chunks = {{{"record"}}};
+  mp4.boxes = qmxtest::box("udta", qmxtest::box("qmxm", qmxtest::be(5, 4)));
   return mp4.file().head + mp4.file().tail;
 }();
 

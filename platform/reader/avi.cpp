@@ -1,7 +1,8 @@
 // AVI files: RIFF, with the OpenDML extensions for more than one RIFF and for indices of a stream.
 //
 // Indices only tell where to look: a record is what its chunk's own header says, and there must be one. A
-// recording that was cut off has no index yet; its movie list is walked.
+// recording that was cut off has no index of its end, and its lists do not know how long they are: the movie
+// is then walked chunk by chunk to the end of the file.
 #include <algorithm>
 
 #include "container.h"
@@ -10,42 +11,42 @@ namespace qmxbase {
 namespace {
 
 constexpr uint32_t kHeaderSize = 8;        // name, size
-constexpr uint32_t kIndexHeaderSize = 24;  // of a stream's index and of the index of those, behind the above
+constexpr uint32_t kIndexHeaderSize = 24;  // of a stream's index and of the index of those, after the above
 
 struct Chunk {
   uint32_t name;
+  uint32_t size;
   uint64_t begin;  // payload
   uint64_t end;    // no later than the list's
   uint64_t next;   // at an even distance
-  bool whole;
+
+  bool is_whole() const { return end - begin == size; }
 };
 
 // A chunk of a list that ends at `end`. A chunk that was cut off ends there too; room that was never written
 // to (zeros) is none.
 bool read_chunk(Source& in, uint64_t at, uint64_t end, Chunk& chunk) {
   uint8_t header[kHeaderSize];
-  if (at >= end || end - at < kHeaderSize || !in.step(Source::kStepOfHeader)) return false;
-  if (!in.read(at, header, kHeaderSize)) return false;
-  const uint64_t size = le32(header + 4);
+  if (at > end || end - at < kHeaderSize || !in.read(at, header, kHeaderSize)) return false;
   chunk.name = be32(header);
+  chunk.size = le32(header + 4);
   chunk.begin = at + kHeaderSize;
-  chunk.end = chunk.begin + std::min(size, end - chunk.begin);
-  chunk.next = chunk.begin + size + size % 2;
-  chunk.whole = chunk.end - chunk.begin == size;
+  chunk.end = chunk.begin + std::min<uint64_t>(chunk.size, end - chunk.begin);
+  chunk.next = chunk.begin + chunk.size + chunk.size % 2;
   return chunk.name != 0;
 }
 
-// The type of a RIFF or LIST; its chunks follow.
+// The type of a RIFF or LIST; its chunks follow. (Its size may not have been written yet.)
 uint32_t list_type(Source& in, const Chunk& list) {
   uint8_t type[4];
   if (list.name != fourcc("LIST") && list.name != fourcc("RIFF")) return 0;
-  return list.end - list.begin >= sizeof type && in.read(list.begin, type, sizeof type) ? be32(type) : 0;
+  return in.read(list.begin, type, sizeof type) ? be32(type) : 0;
 }
 
 uint64_t first_chunk(const Chunk& list) { return list.begin + 4; }
 
-bool find_list(Source& in, const Chunk& parent, uint32_t type, Chunk& list) {
-  for (uint64_t at = first_chunk(parent); read_chunk(in, at, parent.end, list); at = list.next) {
+bool find_list(Source& in, uint64_t at, uint32_t type, Chunk& list) {
+  for (; read_chunk(in, at, in.size, list); at = list.next) {
     if (list_type(in, list) == type) return true;
   }
   return false;
@@ -56,29 +57,26 @@ bool belongs_to(uint32_t name, uint32_t stream) {
   return name >> 24 == '0' + stream / 10 && (name >> 16 & 0xFF) == '0' + stream % 10;
 }
 
-// Either a stream's index or an index of those: longs per entry (2), sub-type, type (1 each), entries in use
-// (4), chunk name (4), base offset (8).
+// ---- Headers
+
+// Either a stream's index or an index of those.
 struct IndexHeader {
-  bool of_indices;
+  bool is_of_indices;
   uint64_t base;
   Table entries;
 };
 
+// wLongsPerEntry (2), bIndexSubType, bIndexType (1 each), nEntriesInUse (4), dwChunkId (4), qwBaseOffset (8).
 bool read_index(Source& in, const Chunk& chunk, IndexHeader& index) {
   uint8_t bytes[kIndexHeaderSize];
   if (chunk.end - chunk.begin < sizeof bytes || !in.read(chunk.begin, bytes, sizeof bytes)) return false;
-  index.of_indices = bytes[3] == 0;
+  const uint32_t kind = le32(bytes);
+  constexpr uint32_t kOfIndices = 4, kOfChunks = 2 | 1 << 24;
+  index.is_of_indices = kind == kOfIndices;
   index.base = le64(bytes + 12);
   index.entries = {chunk.begin + sizeof bytes, le32(bytes + 4)};
-  return index.entries.count <= (chunk.end - index.entries.begin) / (index.of_indices ? 16 : 8);
-}
-
-// The next entry of a table, which is then one shorter.
-bool take_entry(Source& in, Table& table, uint8_t* to, uint32_t size) {
-  if (table.count == 0 || !in.step(1) || !in.read(table.begin, to, size)) return false;
-  table.begin += size;
-  --table.count;
-  return true;
+  return (kind == kOfIndices || kind == kOfChunks) &&
+         index.entries.count <= (chunk.end - index.entries.begin) / (index.is_of_indices ? 16 : 8);
 }
 
 // LIST strl: strh, and indx where the stream has an index.
@@ -97,7 +95,7 @@ bool read_stream(Source& in, const Chunk& strl, AviStream& stream) {
       stream.ticks = le32(strh + 28);  // dwStart
       stream.sample_size = le32(strh + 44);
     } else if (chunk.name == fourcc("indx") && read_index(in, chunk, header)) {
-      (header.of_indices ? stream.indices : stream.index) = header.entries;
+      (header.is_of_indices ? stream.indices : stream.index) = header.entries;
       stream.index_base = header.base;
     }
   }
@@ -131,11 +129,11 @@ bool read_header_list(Source& in, const Chunk& hdrl, QMXReaderInfo& info, AviStr
           dmlh.end - dmlh.begin >= sizeof total && in.read(dmlh.begin, total, sizeof total)) {
         frames = std::max(frames, le32(total));
       }
-    } else if (chunk.name == kMetadataName && chunk.whole) {
+    } else if (chunk.name == kMetadataName && chunk.is_whole()) {
       read_metadata(in, chunk.begin, chunk.end - chunk.begin, info);
     }
   }
-  info.durationMs = static_cast<uint32_t>(std::min<uint64_t>(scaled(frames, frame_us, 1000), UINT32_MAX));
+  info.durationMs = to_32_bits(scaled(frames, frame_us, 1000));
   info.userDataPresent = has_stream;
   return has_avih;
 }
@@ -143,108 +141,140 @@ bool read_header_list(Source& in, const Chunk& hdrl, QMXReaderInfo& info, AviStr
 // idx1: chunk name, flags, offset, size. Offsets count from the movie list's type, with some writers from the
 // start of the file: the first entry tells, which is that of the first chunk.
 void read_old_index(Source& in, const Chunk& idx1, uint64_t movi, AviStream& stream) {
-  stream.old_index = {idx1.begin, static_cast<uint32_t>((idx1.end - idx1.begin) / 16)};
+  stream.is_old = true;
+  stream.index = {idx1.begin, static_cast<uint32_t>((idx1.end - idx1.begin) / 16)};
   uint8_t entry[16], name[4];
-  const bool from_start = stream.old_index.count > 0 && in.read(idx1.begin, entry, sizeof entry) &&
+  const bool from_start = stream.index.count > 0 && in.read(idx1.begin, entry, sizeof entry) &&
                           le32(entry + 8) > movi && in.read(le32(entry + 8), name, sizeof name) &&
                           be32(name) == be32(entry);
-  stream.old_base = from_start ? 0 : movi;
+  stream.index_base = from_start ? 0 : movi;
 }
 
-bool next_in_stream_index(Source& in, AviStream& stream, uint64_t& at) {
-  uint8_t entry[16];
-  while (!take_entry(in, stream.index, entry, 8)) {  // offset of the payload, size
-    Chunk chunk;
-    IndexHeader header;
-    if (!take_entry(in, stream.indices, entry, 16)) return false;  // offset, size, duration
-    if (read_chunk(in, le64(entry), in.size, chunk) && read_index(in, chunk, header) && !header.of_indices) {
-      stream.index = header.entries;
-      stream.index_base = header.base;
-    }
-  }
-  at = stream.index_base + le32(entry) - kHeaderSize;
-  return true;
-}
+// ---- Chunks
 
-bool next_in_old_index(Source& in, AviStream& stream, uint64_t& at) {
+struct Place {
+  uint64_t at;  // header
+  uint32_t size;
+};
+
+bool next_in_old_index(Source& in, AviStream& stream, Place& place) {
   uint8_t entry[16];
-  while (take_entry(in, stream.old_index, entry, sizeof entry)) {
-    if (belongs_to(be32(entry), stream.number)) {
-      at = stream.old_base + le32(entry + 8);
-      return true;
-    }
+  while (stream.index.take(in, entry, sizeof entry)) {
+    if (!belongs_to(be32(entry), stream.number)) continue;
+    place = {stream.index_base + le32(entry + 8), le32(entry + 12)};
+    return true;
   }
   return false;
 }
 
-bool next_in_movie_lists(Source& in, AviStream& stream, uint64_t& at) {
-  Chunk chunk, movi;
-  for (;;) {
-    if (read_chunk(in, stream.walk_at, stream.walk_end, chunk)) {
-      const bool is_group = list_type(in, chunk) == fourcc("rec ");
-      stream.walk_at = is_group ? first_chunk(chunk) : chunk.next;
-      if (belongs_to(chunk.name, stream.number) && chunk.whole) {
-        at = chunk.begin - kHeaderSize;
-        return true;
-      }
-    } else if (read_chunk(in, stream.next_riff, in.size, chunk)) {
-      stream.next_riff = chunk.next;
-      if (list_type(in, chunk) == fourcc("AVIX") && find_list(in, chunk, fourcc("movi"), movi)) {
-        stream.walk_at = first_chunk(movi);
-        stream.walk_end = movi.end;
-      }
-    } else {
+// A stream's indices lie one after another, as they were written: none is read twice.
+bool next_in_stream_index(Source& in, AviStream& stream, Place& place) {
+  uint8_t entry[16];
+  while (!stream.index.take(in, entry, 8)) {  // dwOffset of the payload, dwSize
+    Chunk chunk;
+    IndexHeader header;
+    if (!stream.indices.take(in, entry, 16)) return false;  // qwOffset, dwSize, dwDuration
+    if (le64(entry) < stream.index_end || !read_chunk(in, le64(entry), in.size, chunk) ||
+        !read_index(in, chunk, header) || header.is_of_indices) {
       return false;
     }
+    stream.index = header.entries;
+    stream.index_base = header.base;
+    stream.index_end = chunk.end;
   }
+  constexpr uint32_t kNoKeyframe = 0x80000000;
+  place = {stream.index_base + le32(entry) - kHeaderSize, le32(entry + 4) & ~kNoKeyframe};
+  return true;
 }
 
-bool next_header(Source& in, AviStream& stream, uint64_t& at) {
-  switch (stream.way) {
-    case AviStream::Way::kStreamIndex:
-      return next_in_stream_index(in, stream, at);
-    case AviStream::Way::kOldIndex:
-      return next_in_old_index(in, stream, at);
-    default:
-      return next_in_movie_lists(in, stream, at);
+// So do a stream's chunks: an entry that leads back, or out of the file, ends the index.
+bool next_in_index(Source& in, AviStream& stream, Place& place) {
+  const bool found =
+      stream.is_old ? next_in_old_index(in, stream, place) : next_in_stream_index(in, stream, place);
+  if (!found || place.at < stream.walk_at || place.at > in.size ||
+      in.size - place.at < uint64_t{kHeaderSize} + place.size) {
+    return false;
   }
+  stream.last_indexed = place.at;
+  stream.walk_at = place.at + kHeaderSize;
+  return true;
+}
+
+bool next_in_movie_lists(Source& in, AviStream& stream, Place& place) {
+  for (Chunk chunk; read_chunk(in, stream.walk_at, in.size, chunk);) {
+    const uint32_t type = list_type(in, chunk);
+    const bool is_open = type == fourcc("AVIX") || type == fourcc("movi") || type == fourcc("rec ");
+    const bool is_cut_off = chunk.size == 0 || !chunk.is_whole();
+    stream.was_cut_off = stream.was_cut_off || (is_open && is_cut_off);
+    stream.walk_at = is_open ? first_chunk(chunk) : chunk.next;
+    if (!belongs_to(chunk.name, stream.number) || !chunk.is_whole()) continue;
+    place = {chunk.begin - kHeaderSize, chunk.size};
+    return true;
+  }
+  return false;
+}
+
+bool next_chunk(Source& in, AviStream& stream, Place& place) {
+  if (!stream.index_ended && next_in_index(in, stream, place)) return true;
+  if (!stream.index_ended && stream.last_indexed != 0) {  // the chunks after those that it told of
+    Chunk chunk;
+    const bool there = read_chunk(in, stream.last_indexed, in.size, chunk);
+    stream.walk_at = there && belongs_to(chunk.name, stream.number) ? chunk.next : in.size;
+  }
+  stream.index_ended = true;
+  return next_in_movie_lists(in, stream, place);
+}
+
+void pass(AviStream& stream, uint64_t size) {
+  stream.ticks += stream.sample_size != 0 ? size / stream.sample_size : 1;
+}
+
+// A chunk of no bytes is no record: writers let time pass with those.
+bool next_record(Source& in, AviStream& stream, Place& place) {
+  while (next_chunk(in, stream, place)) {
+    if (place.size > 0) return true;
+    pass(stream, 0);
+  }
+  return false;
+}
+
+uint64_t ticks_to_ms(const AviStream& stream) {
+  return scaled(stream.ticks, uint64_t{1000} * stream.scale, stream.rate);
 }
 
 }  // namespace
 
 bool AviStream::open(Source& in, QMXReaderInfo& info) {
-  Chunk riff, hdrl, movi, chunk;
-  if (!read_chunk(in, 0, in.size, riff) || !find_list(in, riff, fourcc("hdrl"), hdrl) ||
-      !read_header_list(in, hdrl, info, *this)) {
+  Chunk list, chunk;
+  constexpr uint64_t kFirstChunk = 12;  // after RIFF, size, AVI
+  if (!find_list(in, kFirstChunk, fourcc("hdrl"), list) || !read_header_list(in, list, info, *this))
     return false;
-  }
-  info.containerType = 2;
-  if (!info.userDataPresent) return true;
-  next_riff = riff.next;
-  if (find_list(in, riff, fourcc("movi"), movi)) {
-    walk_at = first_chunk(movi);
-    walk_end = movi.end;
-    for (uint64_t at = movi.next; read_chunk(in, at, riff.end, chunk); at = chunk.next) {
-      if (chunk.name == fourcc("idx1")) read_old_index(in, chunk, movi.begin, *this);
+  walk_at = in.size;
+  if (!info.userDataPresent || !find_list(in, list.next, fourcc("movi"), list)) return true;
+  walk_at = list.begin - kHeaderSize;
+  if (index.count == 0 && indices.count == 0) {
+    for (uint64_t at = list.next; read_chunk(in, at, in.size, chunk); at = chunk.next) {
+      if (chunk.name != fourcc("idx1")) continue;
+      read_old_index(in, chunk, list.begin, *this);
+      break;
     }
   }
-  for (const Way candidate : {Way::kStreamIndex, Way::kOldIndex, Way::kWalk}) {
-    way = candidate;
-    AviStream counting = *this;
-    for (uint64_t at; next_header(in, counting, at);) ++info.userDataCount;
-    if (info.userDataCount > 0) break;
+  AviStream counting = *this;
+  for (Place place; next_record(in, counting, place); pass(counting, place.size)) ++info.userDataCount;
+  if (info.durationMs == 0 || counting.was_cut_off) {  // the header was not written again
+    info.durationMs = std::max(info.durationMs, to_32_bits(ticks_to_ms(counting)));
   }
   return true;
 }
 
 bool AviStream::next(Source& in, Record& record) {
-  uint64_t at;
-  if (!next_header(in, *this, at)) return false;
+  Place place;
+  if (!next_record(in, *this, place)) return false;
   Chunk chunk;
-  const bool there = read_chunk(in, at, in.size, chunk) && belongs_to(chunk.name, number) && chunk.whole;
-  const uint64_t size = there ? chunk.end - chunk.begin : 0;
-  record = {there ? chunk.begin : 0, size, scaled(ticks, 1000ull * scale, rate)};
-  ticks += there && sample_size != 0 ? size / sample_size : 1;
+  const bool there =
+      read_chunk(in, place.at, in.size, chunk) && belongs_to(chunk.name, number) && chunk.is_whole();
+  if (there) record = {chunk.begin, chunk.size, ticks_to_ms(*this)};
+  pass(*this, there ? chunk.size : place.size);
   return there;
 }
 

@@ -8,25 +8,35 @@
 
 namespace qmxbase {
 
-// A file that may say anything about itself. Reads beyond its end fail. Whoever follows what it says takes
-// steps, and there are so many to an operation: no file makes a reader run on.
+// A file that may say anything about itself. Reads beyond its end fail, and so do those of an operation that
+// has read more than the file's size warrants: no file makes a reader run on.
 struct Source {
-  static constexpr uint32_t kSteps = 1u << 22;
-  static constexpr uint32_t kStepOfHeader = 2;  // somewhere in the file, against the next entry of a table
+  static constexpr uint64_t kWorkOfSmallFile = 1u << 16;
+  static constexpr uint64_t kMostWork = 1u << 26;
+  static constexpr uint64_t kWorkOfFilling = 32;  // the window, against one read from it
 
   int fd;
-  uint32_t steps_left;
-  bool gave_up;  // for want of steps
+  bool gave_up;  // for too much work
+  uint64_t work_left;
   uint64_t size;
   uint64_t window_start;
   uint32_t window_length;
   uint8_t window[4096];
 
+  void begin_operation();
+  bool work(uint64_t amount);
   // Small reads, through the window.
   bool read(uint64_t offset, uint8_t* to, uint32_t count);
   // Any size, past the window.
   bool read_block(uint64_t offset, uint8_t* to, uint64_t count) const;
-  bool step(uint32_t cost);
+};
+
+// What is left of a table of equal entries in the file.
+struct Table {
+  uint64_t begin;
+  uint32_t count;
+
+  bool take(Source& in, uint8_t* to, uint32_t entry_size);
 };
 
 // One user data record in the file.
@@ -36,61 +46,118 @@ struct Record {
   uint64_t time_ms;
 };
 
+constexpr uint32_t kIso = 1, kAvi = 2;  // container types
+
 // The metadata field goes by this name in both containers: an ISO box type, a RIFF chunk name.
 constexpr uint32_t kMetadataName = 0x716D786D;  // "qmxm"
 
 // Fills the metadata fields of `info` from the payload of a box or chunk of that name.
 void read_metadata(Source& in, uint64_t offset, uint64_t size, QMXReaderInfo& info);
 
-// value x numerator / denominator; UINT64_MAX when it does not fit or cannot be told.
-uint64_t scaled(uint64_t value, uint64_t numerator, uint64_t denominator);
+__extension__ typedef unsigned __int128 Wide;
 
-// A table of equal entries in the file.
-struct Table {
-  uint64_t begin;
-  uint32_t count;
+// UINT64_MAX when it does not fit.
+uint64_t narrow(Wide value);
+// value x numerator / denominator.
+uint64_t scaled(uint64_t value, uint64_t numerator, uint32_t denominator);
+// As the information has room for.
+uint32_t to_32_bits(uint64_t value);
+
+// ---- ISO base media files (ISO/IEC 14496-12)
+
+struct Box {
+  uint32_t type;
+  uint64_t begin;  // payload
+  uint64_t end;
 };
 
-// The samples of a timed metadata track of an ISO base media file (ISO/IEC 14496-12).
-struct IsoTrack {
-  uint32_t timescale;
-  Table durations;       // stts
-  Table chunk_runs;      // stsc
-  Table chunk_offsets;   // stco, co64
-  uint32_t offset_size;  // 4, 8
-  Table sizes;           // stsz
-  uint32_t equal_size;   // of all samples; 0: the table tells
+// What is left of a list of boxes.
+struct BoxList {
+  uint64_t at, end;
 
-  // The sample that comes next.
-  uint32_t sample;
-  uint64_t time;
-  uint32_t durations_read, duration_left, duration;
-  uint32_t chunk, runs_read, samples_per_chunk, chunk_left;
+  bool next(Source& in, Box& box);
+};
+
+// A value for each sample, as runs of equal ones: stts, ctts.
+struct ValueRuns {
+  Table table;  // sample_count, value
+  uint32_t left, value;
+
+  bool take(Source& in, uint32_t& to);
+};
+
+// Where the media lies in the presentation: elst.
+struct EditList {
+  Table table;
+  bool is_64_bit;
+  uint64_t next_start;             // of the edits still in the table, in the movie's timescale
+  uint64_t start;                  // of the edit at hand, the same
+  uint64_t media_time, media_end;  // what it shows of the track, in the track's timescale
+};
+
+// The samples of a chunk table: stbl.
+struct SampleTable {
+  ValueRuns durations;            // stts
+  ValueRuns composition_offsets;  // ctts
+  Table chunk_runs;               // stsc: first_chunk, samples_per_chunk, sample_description_index
+  Table chunk_offsets;            // stco, co64
+  uint32_t offset_size;           // 4, 8
+  Table sizes;                    // stsz
+  uint32_t equal_size;            // of all samples; 0: the table tells
+  uint32_t samples_left;
+  uint32_t chunk, samples_per_chunk, chunk_left;
   uint64_t offset;
+};
+
+// The samples of movie fragments: moof, with what its boxes say of the run at hand.
+struct Fragments {
+  BoxList file, moof, traf;
+  uint64_t moof_begin;
+  uint32_t track_id;  // tfhd
+  uint64_t base;
+  uint32_t default_duration, default_size;
+  uint32_t run_flags;  // trun
+  Table run;
+  uint64_t offset;  // of the sample that comes next
+  uint64_t room;    // of the file, for records still to come
+};
+
+// A track, and the sample that comes next.
+struct IsoTrack {
+  uint32_t movie_timescale, timescale;
+  uint32_t id;
+  Box mvex;
+  EditList edits;
+  SampleTable table;
+  Fragments fragments;
+  uint64_t time;
 
   bool open(Source& in, QMXReaderInfo& info);
   bool next(Source& in, Record& record);  // false after the last one, and for one that is not there
 };
 
-// The chunks of a data or text stream of an AVI file (RIFF, with the OpenDML extensions).
+// ---- AVI files (RIFF, with the OpenDML extensions)
+
+// The chunks of a data or text stream.
 struct AviStream {
   uint32_t number;
   uint32_t rate, scale;  // ticks of the stream's clock: rate / scale a second
   uint32_t sample_size;  // bytes a tick; 0: a chunk is one
 
-  // How chunks are found: by the stream's own index, the file's old index, or by walking the movie lists.
-  enum class Way : uint8_t { kStreamIndex, kOldIndex, kWalk } way;
+  // Chunks are found by an index as far as it goes, then by walking the movie lists.
   Table indices;  // of the stream
   Table index;    // the one at hand
-  uint64_t index_base;
-  Table old_index;
-  uint64_t old_base;
-  uint64_t walk_at, walk_end, next_riff;
+  bool is_old;    // it is idx1
+  uint64_t index_base, index_end;
+  uint64_t last_indexed;
+  bool index_ended;
+  uint64_t walk_at;
+  bool was_cut_off;
 
   uint64_t ticks;  // of the chunk that comes next
 
   bool open(Source& in, QMXReaderInfo& info);
-  bool next(Source& in, Record& record);
+  bool next(Source& in, Record& record);  // as above
 };
 
 inline uint32_t be32(const uint8_t* p) {

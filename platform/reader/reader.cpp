@@ -26,9 +26,21 @@ bool Source::read_block(uint64_t offset, uint8_t* to, uint64_t count) const {
   return true;
 }
 
+void Source::begin_operation() {
+  work_left = std::min(kWorkOfSmallFile + size / 2, kMostWork);
+  gave_up = false;
+}
+
+bool Source::work(uint64_t amount) {
+  gave_up = gave_up || work_left < amount;
+  if (!gave_up) work_left -= amount;
+  return !gave_up;
+}
+
 bool Source::read(uint64_t offset, uint8_t* to, uint32_t count) {
-  if (offset > size || count > size - offset) return false;
+  if (offset > size || count > size - offset || !work(1)) return false;
   if (offset < window_start || offset - window_start + count > window_length) {
+    if (!work(kWorkOfFilling)) return false;
     window_start = offset;
     window_length = static_cast<uint32_t>(std::min<uint64_t>(size - offset, sizeof window));
     if (!read_block(offset, window, window_length)) {
@@ -40,27 +52,31 @@ bool Source::read(uint64_t offset, uint8_t* to, uint32_t count) {
   return true;
 }
 
-bool Source::step(uint32_t cost) {
-  gave_up = gave_up || steps_left < cost;
-  if (!gave_up) steps_left -= cost;
-  return !gave_up;
+bool Table::take(Source& in, uint8_t* to, uint32_t entry_size) {
+  if (count == 0 || !in.read(begin, to, entry_size)) return false;
+  begin += entry_size;
+  --count;
+  return true;
 }
 
 void read_metadata(Source& in, uint64_t offset, uint64_t size, QMXReaderInfo& info) {
   uint8_t bytes[4];
   if (offset > UINT32_MAX) return;  // the record has no room to say where it is
-  if ((size != 1 && size != 2 && size != 4) || !in.read(offset, bytes, static_cast<uint32_t>(size))) return;
+  const bool is_byte = size == 1 && info.containerType == kAvi;
+  if (!is_byte && size != 2 && size != 4) return;  // an update would write over what follows
+  if (!in.read(offset, bytes, static_cast<uint32_t>(size))) return;
   info.metaPresent = 1;
   info.metaOffset = static_cast<uint32_t>(offset);
   info.metaValue = size == 4 ? be32(bytes) : size == 2 ? uint32_t{bytes[1]} << 8 | bytes[0] : bytes[0];
 }
 
-uint64_t scaled(uint64_t value, uint64_t numerator, uint64_t denominator) {
-  if (denominator == 0) return UINT64_MAX;
-  __extension__ typedef unsigned __int128 Wide;
-  const Wide result = static_cast<Wide>(value) * numerator / denominator;
-  return result > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(result);
+uint64_t narrow(Wide value) { return value > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(value); }
+
+uint64_t scaled(uint64_t value, uint64_t numerator, uint32_t denominator) {
+  return narrow(static_cast<Wide>(value) * numerator / denominator);
 }
+
+uint32_t to_32_bits(uint64_t value) { return static_cast<uint32_t>(std::min<uint64_t>(value, UINT32_MAX)); }
 
 }  // namespace qmxbase
 
@@ -69,7 +85,6 @@ using namespace qmxbase;  // NOLINT: the functions below are this namespace's fa
 struct QMXReader {
   Source source;
   QMXReaderInfo info;
-  bool is_avi;
   IsoTrack iso;
   AviStream avi;
 };
@@ -79,10 +94,11 @@ namespace {
 bool open_container(QMXReader& reader) {
   Source& in = reader.source;
   uint8_t start[12];
-  in.steps_left = Source::kSteps;
-  reader.is_avi =
+  in.begin_operation();
+  const bool is_avi =
       in.read(0, start, sizeof start) && be32(start) == fourcc("RIFF") && be32(start + 8) == fourcc("AVI ");
-  const bool opened = reader.is_avi ? reader.avi.open(in, reader.info) : reader.iso.open(in, reader.info);
+  reader.info.containerType = is_avi ? kAvi : kIso;
+  const bool opened = is_avi ? reader.avi.open(in, reader.info) : reader.iso.open(in, reader.info);
   reader.info.userDataPresent = reader.info.userDataCount > 0;
   return opened && !in.gave_up;
 }
@@ -116,9 +132,10 @@ int QMXReaderGetInfo(QMXReader* handle, QMXReaderInfo* info) {
 int QMXReaderReadFrame(QMXReader* handle, QMXReaderFrame* frame) {
   if (frame->kind != QMX_READER_KIND_USER_DATA) return -1;
   Source& in = handle->source;
-  in.steps_left = Source::kSteps;
+  in.begin_operation();
   Record record;
-  if (!(handle->is_avi ? handle->avi.next(in, record) : handle->iso.next(in, record))) return -1;
+  const bool is_avi = handle->info.containerType == kAvi;
+  if (!(is_avi ? handle->avi.next(in, record) : handle->iso.next(in, record))) return -1;
   if (record.offset > in.size || record.size > in.size - record.offset) return -1;
   if (!in.read_block(record.offset, frame->data, std::min<uint64_t>(record.size, frame->capacity))) return -1;
   frame->timeMs = record.time_ms;

@@ -1,12 +1,10 @@
-// Small MP4 and AVI files with user data records and a metadata field, as a recorder writes them.
+// Small MP4 and AVI files with user data records and a metadata field, as recorders write them.
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bytes.h"
@@ -16,6 +14,9 @@ namespace qmxtest {
 inline std::string box(const std::string& type, const std::string& payload) {
   return be(payload.size() + 8, 4) + type + payload;
 }
+inline std::string full_box(const std::string& type, uint32_t version_and_flags, const std::string& fields) {
+  return box(type, be(version_and_flags, 4) + fields);
+}
 inline std::string chunk(const std::string& name, const std::string& payload) {
   return name + le(payload.size(), 4) + payload + std::string(payload.size() % 2, '\0');
 }
@@ -23,145 +24,125 @@ inline std::string list(const std::string& type, const std::string& chunks) {
   return chunk("LIST", type + chunks);
 }
 
-// A file with a hole in it; without one just `head`.
+// A file with a hole in it; without one the two beside each other.
 struct SparseFile {
   std::string head;
   uint64_t hole = 0;
   std::string tail;
-
-  void write(const std::string& path) const {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    bool done = pwrite(fd, head.data(), head.size(), 0) == static_cast<ssize_t>(head.size());
-    const auto at = static_cast<off_t>(head.size() + hole);
-    done &= pwrite(fd, tail.data(), tail.size(), at) == static_cast<ssize_t>(tail.size());
-    if (close(fd) != 0 || !done) abort();
-  }
 };
 
 struct Mp4 {
-  uint32_t timescale = 1000, duration = 0;  // of the movie, in milliseconds
-  std::vector<std::string> records;
-  std::vector<uint32_t> deltas;         // time from each record to the next, in the track's timescale
-  std::vector<uint32_t> chunk_lengths;  // records in each chunk
-  bool moov_first = false, long_offsets = false;
-  std::string metadata;  // payload of the field; empty: none
-  uint64_t hole = 0;     // before the first record; needs long_offsets and moov behind
-
-  std::string moov(uint64_t first_record) const {
-    std::string stts, stsc, stsz, offsets;
-    for (size_t i = 0; i < records.size(); ++i) {
-      stts += be(1, 4) + be(deltas[i], 4);
-      stsz += be(records[i].size(), 4);
-    }
-    uint64_t at = first_record;
-    size_t record = 0;
-    uint32_t runs = 0;
-    for (size_t i = 0; i < chunk_lengths.size(); ++i) {
-      if (i == 0 || chunk_lengths[i] != chunk_lengths[i - 1]) {
-        stsc += be(i + 1, 4) + be(chunk_lengths[i], 4) + be(1, 4);
-        ++runs;
-      }
-      offsets += be(at, long_offsets ? 8 : 4);
-      for (uint32_t k = 0; k < chunk_lengths[i]; ++k) at += records[record++].size();
-      at += kFiller;
-    }
-    const std::string zero4(4, '\0'), zero12(12, '\0'), count = be(records.size(), 4);
-    const std::string stbl =
-        box("stts", zero4 + count + stts) + box("stsc", zero4 + be(runs, 4) + stsc) +
-        box("stsz", zero4 + zero4 + count + stsz) +
-        box(long_offsets ? "co64" : "stco", zero4 + be(chunk_lengths.size(), 4) + offsets);
-    const auto trak = [&](const std::string& handler, const std::string& tables) {
-      return box("trak", box("tkhd", std::string(84, '\0')) +
-                             box("mdia", box("mdhd", zero12 + be(timescale, 4) + be(0, 8)) +
-                                             box("hdlr", zero4 + zero4 + handler + zero12 + "\0") +
-                                             box("minf", box("stbl", tables))));
-    };
-    return box("moov", box("mvhd", zero12 + be(1000, 4) + be(duration, 4) + std::string(80, '\0')) +
-                           trak("vide", "") + (records.empty() ? "" : trak("meta", stbl)) +
-                           box("udta", box("name", "x") + (metadata.empty() ? "" : box("qmxm", metadata))));
-  }
-
-  SparseFile file() const {
-    const std::string ftyp = box("ftyp", "isom" + be(0, 4) + "isom");
+  struct Sample {
     std::string data;
-    size_t record = 0;
-    for (const uint32_t length : chunk_lengths) {
-      for (uint32_t k = 0; k < length; ++k) data += records[record++];
-      data += std::string(kFiller, 'v');
-    }
-    const uint64_t before = ftyp.size() + 16 + (moov_first ? moov(0).size() : 0);
-    const std::string table = moov(before + hole);
-    const std::string mdat = be(1, 4) + "mdat" + be(16 + hole + data.size(), 8);
-    if (moov_first) return {ftyp + table + mdat + data, 0, ""};
-    return {ftyp + mdat, hole, data + table};
-  }
+    uint32_t delta = 0, shift = 0;  // time to the next one; composition offset
+  };
+  uint32_t timescale = 1000, duration = 0;  // of the movie, in milliseconds
+  std::vector<std::vector<Sample>> chunks;
+  bool is_wide = false;  // 64-bit times and offsets
+  std::string elst;      // of the track, after entry_count
+  std::string boxes;     // more of moov
+  uint64_t hole = 0;     // before the first record
 
- private:
-  static constexpr size_t kFiller = 7;  // between chunks: other tracks
+  std::string wide(uint64_t value) const { return be(value, is_wide ? 8 : 4); }
+  SparseFile file() const {
+    std::string data, stts, ctts, stsc, stsz, stco;
+    for (size_t i = 0, run = 0; i < chunks.size(); ++i) {
+      data += "another track";
+      if (chunks[i].size() != run) stsc += be(i + 1, 4) + be(run = chunks[i].size(), 4) + be(1, 4);
+      stco += wide(16 + hole + data.size());
+      for (const Sample& sample : chunks[i]) {
+        data += sample.data;
+        stts += be(1, 4) + be(sample.delta, 4);
+        ctts += be(1, 4) + be(sample.shift, 4);
+        stsz += be(sample.data.size(), 4);
+      }
+    }
+    const auto table = [](const char* type, size_t entry_size, const std::string& entries) {
+      return full_box(type, 0, be(entries.size() / entry_size, 4) + entries);
+    };
+    const std::string stbl = table("stts", 8, stts) + table("ctts", 8, ctts) + table("stsc", 12, stsc) +
+                             full_box("stsz", 0, be(0, 4) + be(stsz.size() / 4, 4) + stsz) +
+                             table(is_wide ? "co64" : "stco", is_wide ? 8 : 4, stco);
+    const auto header = [&](const char* type, uint32_t value, uint64_t time) {
+      return full_box(type, is_wide << 24, wide(0) + wide(0) + be(value, 4) + wide(time));
+    };
+    const auto trak = [&](uint32_t id, const std::string& handler) {
+      const std::string edits = be(elst.size() / (is_wide ? 20 : 12), 4) + elst;
+      return box("trak", header("tkhd", id, 0) + box("edts", full_box("elst", is_wide << 24, edits)) +
+                             box("mdia", header("mdhd", timescale, 0) +
+                                             full_box("hdlr", 0, be(0, 4) + handler + be(0, 13)) +
+                                             box("minf", box("stbl", stbl))));
+    };
+    return {be(1, 4) + "mdat" + be(16 + hole + data.size(), 8), hole,
+            data + box("moov", header("mvhd", 1000, duration) + trak(1, "vide") +
+                                   (chunks.empty() ? "" : trak(2, "meta")) + boxes)};
+  }
 };
 
 struct Avi {
   enum Index { kNone, kOld, kOldAbsolute, kOfStream };
-  uint32_t scale = 1, rate = 1, frame_us = 40000, frames = 0;
+  uint32_t scale = 1, rate = 1, start = 0, sample_size = 0, frames = 0;
   std::vector<std::string> records;
   size_t in_first_riff = SIZE_MAX;  // the others lie in a second one
   Index index = kNone;
-  bool grouped = false;  // records in LIST rec
+  uint32_t pause = 0;       // chunks of no bytes before each record
+  bool is_grouped = false;  // records in LIST rec
+  bool is_cut_off = false;  // before the last RIFF's sizes and index were written
   std::string metadata, stream_type = "dats";
   uint64_t hole = 0;  // before the second RIFF, less than 4 GiB
 
   SparseFile file() const {
-    std::vector<uint64_t> at[2];  // headers of the records, from the type of their movie list
-    std::string movi[2], old_index, filler = chunk("00dc", "video");
-    for (size_t i = 0; i < records.size(); ++i) {
-      const int part = i >= in_first_riff;
-      movi[part] += filler;
-      const std::string record = chunk("01tx", records[i]);
-      at[part].push_back(4 + movi[part].size() + (grouped ? 12 : 0));
-      movi[part] += grouped ? list("rec ", record) : record;
-    }
-    const bool two = !at[1].empty();
-    const auto headers = [&](const std::string& indx) {
-      const auto strl = [&](const std::string& type, const std::string& more) {
-        return list("strl", chunk("strh", type + std::string(16, '\0') + le(scale, 4) + le(rate, 4) +
-                                              std::string(28, '\0')) +
-                                chunk("strf", "odd") + more);
+    const uint32_t riffs = in_first_riff < records.size() ? 2 : 1;
+    std::string file[2];
+    size_t record = 0;
+    for (uint32_t part = 0; part < riffs; ++part) {
+      std::string& out = file[part];
+      out = "RIFF" + le(UINT32_MAX, 4) + (part == 0 ? "AVI " + headers(riffs) : "AVIX");
+      const auto close = [&](size_t list, uint64_t more) {
+        out.replace(list + 4, 4, le(out.size() - list - 8 + more, 4));
       };
-      return list("hdrl", chunk("avih", le(frame_us, 4) + le(0, 12) + le(two ? 1 : frames, 4) + le(0, 36)) +
-                              strl("vids", "") + strl(stream_type, indx) +
-                              list("odml", chunk("dmlh", le(frames, 4))) +
-                              (metadata.empty() ? "" : chunk("qmxm", metadata)));
-    };
-    // One index a RIFF, behind the records; all sizes are known before the positions.
-    const auto stream_index = [&](int part, uint64_t movi_at) {
-      std::string entries;
-      for (const uint64_t header : at[part]) entries += le(header + 8, 4) + le(5, 4);
-      return chunk("ix01", le(2, 2) + le(1 << 8, 2) + le(at[part].size(), 4) + "01tx" + le(movi_at, 8) +
-                               le(0, 4) + entries);
-    };
-    const auto super_index = [&](uint64_t first, uint64_t second) {
-      return chunk("indx", le(4, 2) + le(0, 2) + le(two ? 2 : 1, 4) + "01tx" + le(0, 12) + le(first, 8) +
-                               le(0, 8) + (two ? le(second, 8) + le(0, 8) : ""));
-    };
-    const bool of_stream = index == kOfStream;
-    const uint64_t first_movi = 12 + headers(of_stream ? super_index(0, 0) : "").size() + 8;
-    const uint64_t first_index = first_movi + 4 + movi[0].size();
-    if (of_stream) movi[0] += stream_index(0, first_movi);
-    for (const uint64_t header : at[0]) {
-      old_index += "00dc" + le(0, 4) + le(header - 14, 4) + le(5, 4);
-      old_index += "01tx" + le(0, 4) + le(header + (index == kOldAbsolute ? first_movi : 0), 4) + le(5, 4);
+      const size_t movi = out.size();
+      const uint64_t base = movi + (part == 0 ? 0 : file[0].size() + hole);
+      out += "LIST" + le(0, 4) + "movi";
+      std::string places, old_places;
+      const auto add = [&](const std::string& name, const std::string& payload) {
+        const size_t from = index == kOldAbsolute ? 0 : movi + 8;
+        old_places += name + le(0, 4) + le(out.size() - from, 4) + le(payload.size(), 4);
+        if (name == "01tx") places += le(out.size() + 8 - movi, 4) + le(payload.size() | 1u << 31, 4);
+        out += chunk(name, payload);
+      };
+      for (const size_t end = part == riffs - 1 ? records.size() : in_first_riff; record < end; ++record) {
+        add("00dc", "video");
+        for (uint32_t k = 0; k <= pause; ++k) {
+          const size_t group = out.size();
+          if (is_grouped) out += "LIST" + le(0, 4) + "rec ";
+          add("01tx", k < pause ? "" : records[record]);
+          if (is_grouped) close(group, 0);
+        }
+      }
+      if (is_cut_off && part == riffs - 1) break;
+      if (index == kOfStream) {
+        file[0].replace(file[0].find("indx") + 32 + 16 * part, 8, le(base + out.size() - movi, 8));
+        out += chunk("ix01", le(1 << 24 | 2, 4) + le(places.size() / 8, 4) + "01tx" + le(base, 12) + places);
+      }
+      close(movi, 0);
+      if (index == kOld || index == kOldAbsolute) out += chunk("idx1", old_places);
+      const bool has_hole = part == 0 && hole > 0;
+      if (has_hole) out += "JUNK" + le(hole, 4);
+      close(0, has_hole ? hole : 0);
     }
-    if (index == kOldAbsolute) old_index.replace(8, 4, le(first_movi + 4, 4));
-    std::string rest = list("movi", movi[0]);
-    if (index == kOld || index == kOldAbsolute) rest += chunk("idx1", old_index);
-    const uint64_t header_size = first_movi - 20;
-    const uint64_t riff_size = 4 + header_size + rest.size() + (hole > 0 ? 8 + hole : 0);
-    if (hole > 0) rest += "JUNK" + le(hole, 4);
-    const uint64_t second_movi = 8 + riff_size + 12 + 8;
-    const std::string super = super_index(first_index, second_movi + 4 + movi[1].size());
-    if (of_stream) movi[1] += stream_index(1, second_movi);
-    const std::string second = two ? chunk("RIFF", "AVIX" + list("movi", movi[1])) : "";
-    return {"RIFF" + le(riff_size, 4) + "AVI " + headers(of_stream ? super : "") + rest, hole, second};
+    return {file[0], hole, file[1]};
+  }
+
+ private:
+  std::string headers(uint32_t riffs) const {
+    const std::string indx = chunk("indx", le(4, 4) + le(riffs - is_cut_off, 4) + "01tx" + le(0, 12 + 32));
+    const std::string strh = le(0, 16) + le(scale, 4) + le(rate, 4) + le(start, 16) + le(sample_size, 12);
+    return list(
+        "hdrl",
+        chunk("avih", le(40000, 16) + le(frames / riffs, 4)) + list("strl", chunk("strh", "vids" + strh)) +
+            list("strl", chunk("strh", stream_type + strh) + (index == kOfStream ? indx : "")) +
+            list("odml", chunk("dmlh", le(frames, 4))) + (metadata.empty() ? "" : chunk("qmxm", metadata)));
   }
 };
 
