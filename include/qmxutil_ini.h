@@ -11,19 +11,7 @@
  * bytes up to a committed size, a multiple of 2048 bytes, so that a file keeps its size (and its blocks on
  * the storage) while its text fits. Reading ends at the first zero byte.
  *
- * What may surprise:
- * - A search compares whole keys exactly; a write looks for the key ignoring case, inside longer words and
- *   inside comments too, as long as a space, a tab or '=' follows it, and within the first 64 characters of a
- *   line only. The first line with such a match is the one that is changed.
- * - A line whose value holds '#', ';' or '[' is no pair: it is not found by a search.
- * - A write takes values as they are. A value with line breaks makes lines of its own; blanks at its
- * beginning are not part of it when it is read again.
- * - The locks cover the rewriting of the file, not the time from open to close: of two processes that open,
- *   change and close at the same time, the later close wins with everything that it read at its open. Who
- *   needs both changes holds a lock of its own (on another file) from before the open until after the close.
- * - Reading takes no lock. A reader that must not meet a file being rewritten takes a shared flock() on it.
- * - A commit that cannot open the file loses the changes without a message, and one that cannot write (a full
- *   disk) does not report it: read the file again where it matters. docs/ini.md says what such a file holds.
+ * What surprises, and what to do about it: docs/surprises.md. What a file holds after a failure: docs/ini.md.
  *
  * Texts are byte strings; a file's text ends at its first zero byte. White space is the six ASCII characters
  * (space, \\t, \\n, \\v, \\f, \\r) and case that of ASCII letters, whatever the locale. A handle belongs to
@@ -60,11 +48,13 @@ typedef struct INIHandle {
 /**
  * Opens an existing file for reading.
  *
- * The whole file is read; a file of 1 MiB (1,048,576 bytes) or more is refused.
+ * The whole file is read, without a lock; a file of 1 MiB (1,048,576 bytes) or more is refused. A file that
+ * delivers less than its size, as those of /sys do, has the text that it delivers. One that tells the size 0,
+ * as those of /proc do, is empty.
  *
- * @param path  path of the file
+ * @param path  path of the file; null, and a directory, cannot be opened
  * @return the handle, released with QMXUtil_INIClose(); null (traced at level 1) when the file cannot be
- *         opened, is too large, cannot be read to its end, or memory is short.
+ *         opened, is too large, cannot be read, or memory is short.
  */
 QMX_API INIHandle* QMXUtil_INIOpen(const char* path);
 
@@ -87,17 +77,18 @@ QMX_API INIHandle* QMXUtil_INIOpenEx(const char* path, const INIAttr* attr);
  *
  * A line that holds '[', ';' or '#' anywhere is no pair, nor is one without '='. The key of a pair runs up to
  * the first space, tab or '='; it may be empty. The value begins after the first '=' that follows and the
- * blanks behind it, and runs up to the end of the line or its first carriage return; blanks at its end are
+ * blanks after it, and runs up to the end of the line or its first carriage return; blanks at its end are
  * part of it. A last line that is no pair and has no line feed ends the text: the cursor becomes null, and a
  * further call is traced as an invalid argument until QMXUtil_INIReset().
  *
- * @param handle  the handle; null, or one with a null cursor, is an invalid argument (traced at level 1)
- * @param key     room for the longest key and its terminator (the handle's `length` + 1 bytes always do);
- * null is an invalid argument
- * @param value   room for the longest value and its terminator; null is an invalid argument
- * @param isPair  tells whether the line was a pair, 1 or 0; only then are `key` and `value` written. Must not
- *                be null
- * @return 1 when a line was read, 0 at the end of the text or on an invalid argument.
+ * @param handle       the handle; null, or one with a null cursor, is an invalid argument (traced at level 1)
+ * @param[out] key     room for the longest key and its terminator (the handle's `length` + 1 bytes always
+ *                     do); null is an invalid argument
+ * @param[out] value   room for the longest value and its terminator; null is an invalid argument
+ * @param[out] isPair  1 when the line was a pair, and `key` and `value` are written; else 0. Must not be null
+ * @retval 1  a line was read
+ * @retval 0  the text is at its end; `isPair` is 0 or as it was
+ * @retval 0  an argument is invalid; nothing is written
  */
 QMX_API int QMXUtil_INIParseLine(INIHandle* handle, char* key, char* value, uint8_t* isPair);
 
@@ -110,36 +101,40 @@ QMX_API void QMXUtil_INIReset(INIHandle* handle);
 
 /**
  * Finds the first pair with exactly this key, from the cursor on. The cursor is at the start of the text
- * afterwards, so consecutive searches see the whole text.
+ * afterwards, so consecutive searches see the whole text. Keys of more than 63 characters are not found. The
+ * time it takes grows with the text, whatever the text is.
  *
- * Keys of more than 63 characters are passed over. The values of the pairs that were passed over go through
- * `value` too: what stands there behind the terminator is left from them.
- *
- * @param handle  the handle; null, or one with a null cursor (an empty file), is an invalid argument (traced
- *                at level 1 as QMXUtil_INIParseLine())
- * @param key     the key; null is an invalid argument
- * @param value   room for the longest value of the file and its terminator (the handle's `length` + 1 bytes
- *                always do); null is an invalid argument
- * @return 1 when the pair was found, its value in `value`; else 0, and `value` is the empty string.
+ * @param handle      the handle; null, or one with a null cursor (an empty file), is an invalid argument
+ *                    (traced at level 1 as QMXUtil_INIParseLine())
+ * @param key         the key; null is an invalid argument
+ * @param[out] value  room for the value of this key and its terminator (the handle's `length` + 1 bytes
+ *                    always do); nothing else is written to it. Null is an invalid argument
+ * @retval 1  the pair was found; `value` is its value
+ * @retval 0  there is no such pair, or an argument is invalid; `value` is the empty string
  */
 QMX_API int QMXUtil_INISearch(INIHandle* handle, const char* key, char* value);
 
 /**
- * Sets a value in memory: replaces it in the first line that matches the key (see above), or appends
- * "key = value" as a new line. The cursor is at the start of the text afterwards.
+ * Sets a value in memory: replaces it in the first line that matches the key, or appends "key = value" as a
+ * new line. The cursor is at the start of the text afterwards.
+ *
+ * Unlike a search, a write looks for the key ignoring case, inside longer words and inside comments too, as
+ * long as a space, a tab or '=' follows it, and within the first 64 characters of a line only.
  *
  * The changed line keeps what stands before the value. What follows stays, except that blanks at the start of
  * the next line go, and that the text ends with a line feed when the value was the last one. When the
- * matching line has no '=' behind the key, the next '=' further down marks the value that is replaced; but a
+ * matching line has no '=' after the key, the next '=' further down marks the value that is replaced; but a
  * line that holds '[', ']', '#' or ';' from the key on is only ever changed at its own '='.
  *
  * Failures are traced at level 1 and leave the text as it was.
  *
  * @param handle  a handle opened with `writable`; null is a failure
  * @param key     the key, not empty; null is a failure
- * @param value   the value, may be empty; null is a failure
- * @return 1 when the text holds the pair; 0 on a null argument, a handle that is not writable, an empty key,
- * a matching line without '=', or when memory is short.
+ * @param value   the value, taken as it is, may be empty; null is a failure
+ * @retval 1  the text holds the pair
+ * @retval 0  an argument is null, the handle is not writable, or the key is empty
+ * @retval 0  the matching line has no '='
+ * @retval 0  memory is short
  */
 QMX_API int QMXUtil_INIWrite(INIHandle* handle, const char* key, const char* value);
 
@@ -147,7 +142,9 @@ QMX_API int QMXUtil_INIWrite(INIHandle* handle, const char* key, const char* val
  * Writes the text back if it was changed and differs from what was read, then releases the handle.
  *
  * One commit runs at a time in a process. With `lock` set an exclusive flock() is held around the writes, and
- * waited for. The data has reached the storage when the call returns. A commit is traced at level 2.
+ * waited for; it covers these only, not the time since the open. The data has reached the storage when the
+ * call returns. A commit is traced at level 2; one that cannot open the file loses the changes, and one that
+ * cannot write does not tell.
  *
  * An ordinary file then holds the text alone. A fixed-size file is filled up with zero bytes to its committed
  * size; a longer text makes it longer, without padding.

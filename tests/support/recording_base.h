@@ -122,13 +122,13 @@ class TempDir {
 
 std::string read_file(const std::string& path);
 
-// Calls it while the process may have none of a resource.
+// Calls it while the process may have no more than that of a resource.
 template <class F>
-void with_limit(__rlimit_resource resource, F call) {
+void with_limit(__rlimit_resource resource, F call, rlim_t most = 0) {
   rlimit usual;
   getrlimit(resource, &usual);
-  const rlimit none = {0, usual.rlim_max};
-  setrlimit(resource, &none);
+  const rlimit limit = {most, usual.rlim_max};
+  setrlimit(resource, &limit);
   call();
   setrlimit(resource, &usual);
 }
