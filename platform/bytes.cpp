@@ -1,4 +1,4 @@
-// Byte reader. The position is kept in 64 bits and may run past the end of the buffer.
+// Byte reader. The position stays within the buffer.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -7,24 +7,28 @@
 
 struct QMXByte {
   const uint8_t* data;
-  uint64_t length;
-  uint64_t position;
+  uint32_t length;
+  uint32_t position;
 };
 
 namespace {
 
 constexpr int kDataMissing = -1;
 
+// Moves on by what there is of `count` bytes; the result is how many those are.
+uint32_t pass(QMXByte& in, uint32_t count, int* error) {
+  const uint32_t present = std::min(count, in.length - in.position);
+  if (present < count && error != nullptr) *error = kDataMissing;
+  in.position += present;
+  return present;
+}
+
 // Copies what there is and clears the rest.
 void take(QMXByte& in, uint8_t* to, uint32_t count, int* error) {
-  const uint64_t left = in.length - std::min(in.position, in.length);
-  const uint64_t present = std::min<uint64_t>(count, left);
-  if (present > 0) std::memcpy(to, in.data + in.position, present);
-  if (present < count) {
-    std::memset(to + present, 0, count - present);
-    if (error != nullptr) *error = kDataMissing;
-  }
-  in.position += count;
+  const uint8_t* const from = in.data + in.position;
+  const uint32_t present = pass(in, count, error);
+  if (present > 0) std::memcpy(to, from, present);
+  if (present < count) std::memset(to + present, 0, count - present);
 }
 
 }  // namespace
@@ -64,9 +68,6 @@ void QMXByte_Get_string(QMXByte* handle, uint8_t* destination, uint32_t length, 
   take(*handle, destination, length, error);
 }
 
-void QMXByte_Skip(QMXByte* handle, uint32_t count, int* error) {
-  handle->position += count;
-  if (handle->position > handle->length && error != nullptr) *error = kDataMissing;
-}
+void QMXByte_Skip(QMXByte* handle, uint32_t count, int* error) { pass(*handle, count, error); }
 
 void QMXByte_Close(QMXByte* handle) { std::free(handle); }

@@ -146,7 +146,7 @@ int64_t rewrite(Extra& extra, const void* buffer, int64_t count) {
     return -1;
   }
   int64_t written = -1;
-  if (std::fflush(stream) == 0 && room_is_there(fileno(stream), ftello(stream) + count)) {
+  if (room_is_there(fileno(stream), ftello(stream) + count)) {
     written =
         extra.replacing ? write_over_old_text(stream, buffer, count) : write_through(stream, buffer, count);
   }
@@ -222,7 +222,7 @@ int QMX_FileSync(FILE* stream) {
 int QMX_FileClose(FILE* stream) {
   Extra* const extra = find_extra(stream);
   if (extra != nullptr) {
-    if (extra->replacing && extra->failure == 0 && std::fflush(stream) == 0) drop_old_content(*extra);
+    if (extra->replacing && extra->failure == 0) drop_old_content(*extra);
     unlink_extra(extra);  // before another stream can be at the same address
   }
   const int result = std::fclose(stream);

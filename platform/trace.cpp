@@ -73,7 +73,7 @@ void QMX_Trace(const char* module, int level, const char* sourceFile, int line, 
     const int added = std::vsnprintf(text + length, sizeof text - static_cast<size_t>(length), format, args);
     va_end(args);
     if (added > 0) length = std::min(length + added, static_cast<int>(sizeof text) - 1);
-    if (text[length - 1] != '\n') text[length == sizeof text - 1 ? length - 1 : length++] = '\n';  // was cut
+    if (text[length - 1] != '\n') text[length++] = '\n';  // was cut
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, static_cast<size_t>(length));
   }
   errno = saved_errno;

@@ -134,6 +134,11 @@ void expect_puts(bool bytes_anywhere, bool overfill, bool rest_is_clear) {
       for (uint32_t i = n; i-- > 0 && model.size() < room;) model.push_back(value >> i & 1);
       expect(out.processed() == model.size(), "%u bits are counted of %zu", out.processed(), model.size());
     }
+    if (overfill) {  // after the end as well
+      out.get(32);
+      QMXBitPutBit(out.handle, 8, 0);
+      QMXBitPutByte(out.handle, 1, bytes.data());
+    }
     for (size_t i = 0; i < model.size(); ++i) {
       expect((bytes.data()[i / 8] >> (7 - i % 8) & 1) == model[i], "bit %zu of %zu is another", i,
              model.size());

@@ -216,6 +216,12 @@ void folder_as_file() {
   expect(stream == nullptr || QMX_FileRead(stream.get(), &byte, 1) <= 0, "bytes are read from a folder");
 }
 
+void failed_read() {
+  char byte;
+  const Stream stream(QMX_FileOpen(".", QMX_FILE_READ));
+  expect(stream == nullptr || QMX_FileRead(stream.get(), &byte, 1) < 0, "a folder reads as an empty file");
+}
+
 // A pipe whose second half comes when the first was taken.
 void whole_reads() {
   unlink("pipe");
@@ -303,6 +309,10 @@ void write_results() {
   }
   expect(QMX_FileSync(stream.get()) == 0, "a sync does not give 0");
   expect(QMX_FileClose(stream.release()) == 0, "a close does not give 0");
+  stream = open_stream(put(kFile, ""), QMX_FILE_CREATE);
+  std::fputs("line\n", stream.get());
+  QMX_FileSync(stream.get());
+  expect_content("line\n", "after fputs() and a sync");
   stream = over_old_text(QMX_FILE_READ);
   expect(QMX_FileWrite(stream.get(), "XY", 2) < 2, "a stream for reading takes a write");
 }
@@ -379,9 +389,12 @@ const Check kChecks[] = {
     {"file", "positions after any run of seeks and reads", true, "frames are cut in wrong places", positions},
     {"file", "positions beyond the end of the file", false, nullptr, positions_beyond_end},
     {"file", "a seek before the start is refused", false, nullptr, seek_before_start},
-    {"file", "at the end 0 or less is read, again and again", true, "frame readers do not end", end_of_file},
+    {"file", "at the end 0 or less is read, again and again", true,
+     "frame readers lose the last frame, or do not end", end_of_file},
     {"file", "a folder does not open, or gives no bytes", true, "a folder is taken for an INI file",
      folder_as_file},
+    {"file", "a read that fails is negative", false, "an INI file that cannot be read counts as empty",
+     failed_read},
     {"file", "a read is short at the end of the file only", false, nullptr, whole_reads},
     {"file", "a write is in the file once it is flushed", true, "the lock of a commit does not cover it",
      in_file_when_flushed},

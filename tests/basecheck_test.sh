@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Over base libraries with one fault each, basecheck names the promise that the fault breaks. Over the stand-in, the
+# trace filter shows the messages that it says.
+#   basecheck_test.sh COMMAND_WITH_FAULTS
+set -euo pipefail
+command=$(realpath "$1")
+data=$(cd "$(dirname "$0")/data" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "basecheck_test: $*" >&2; exit 1; }
+
+while read -r fault group verdict promise; do
+  code=0
+  QMX_DEVIATION=$fault "$command" basecheck "$work" --group "$group" --limit 2 \
+    --media "$data/timed-metadata.mov" >"$work/out" 2>&1 || code=$?
+  [ "$code" = "$(grep -cm1 'DIFFERS$' "$work/out")" ] || fail "$fault ends with $code"
+  grep -qE "^$group +$promise.* $verdict" "$work/out" || fail "$fault is not named: $(cat "$work/out")"
+done <<'END'
+small_array memory not an array too large
+dirty_array memory DIFFERS QMX_Calloc clears
+node_passed_over list DIFFERS nodes are walked
+head_deleted list not any node
+not_terminated format DIFFERS a text is cut
+cut_length format not the result
+sleep_cut sleep DIFFERS signals
+slept_in_seconds sleep DIFFERS QMX_ThreadSleep
+read_creates file DIFFERS READ:
+create_empties file DIFFERS CREATE: written after
+end_kept file DIFFERS REPLACE: what is written
+written_late file not a write is in the file when
+seek_from_end file DIFFERS positions
+short_read_fails file DIFFERS READ:
+zeros_at_end bits not missing bits
+25_bits_shown bits DIFFERS Exp-Golomb
+string_terminated bytes DIFFERS nothing outside the buffer
+shifted_layout reader DIFFERS the recording
+END
+
+cd "$work"
+while IFS='|' read -r filter messages; do
+  export QMX_DEVIATION=none QMX_TRACE=$filter
+  rm -f file.ini
+  for words in "userdata missing" "ini set file.ini key value" "probe $data/clips/h265-main.hvcc"; do
+    # shellcheck disable=SC2086
+    "$command" $words 2>&1 >/dev/null | grep -oE '^[a-z_]+:[1-3] ' || true
+  done | sort -u >shown
+  [ "$(tr -d '\n' <shown)" = "$messages" ] || fail "with the filter '$filter' come $(cat shown)"
+done <<'END'
+|qmxutiluserdata:1 
+2|qmxutil_ini:2 qmxutiluserdata:1 
+3,qmxutil_ini=1,qmxutil_ini=2|qmxutil_ini:2 qmxutiluserdata:1 utilvideo:3 
+qmxutil_in=3,qmxutil_ini_=3 utilvideo=3|qmxutiluserdata:1 utilvideo:3 
+qmxutil_ini=1 2,,qmxutiluserdata=0|
+4,20,x,qmxutil_ini=,=,utilvideo,/|qmxutiluserdata:1 
+END
