@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "internal/start_code.h"
 #include "qmx_memory.h"
 #include "qmxutil_string.h"
+#include "text_models.h"
 
 namespace {
 
@@ -62,11 +62,9 @@ void values(const Text& input) {
   const size_t key_size = static_cast<size_t>(bar - input.get());
   const Text key(reinterpret_cast<const uint8_t*>(input.get()), key_size);
   const Text text(reinterpret_cast<const uint8_t*>(bar + 1), input.size() - key_size - 1);
-  const char* const line_end = text.get() + strcspn(text.get(), "\r\n");
-
   const char* const at = QMXUtilStrFindString(text.get(), key.get());
-  const char* const plain = strstr(text.get(), key.get());
-  require(at == (plain != nullptr && plain <= line_end ? plain : nullptr));
+  const size_t expected = qmxtest::model_find(text.get(), key.get());
+  require(at == (expected != std::string::npos ? text.get() + expected : nullptr));
 
   int32_t number;
   uint32_t hexadecimal;
@@ -132,16 +130,15 @@ void binary(const uint8_t* data, size_t size) {
 void base64(const uint8_t* data, size_t size) {
   const char* const text = reinterpret_cast<const char*>(data);
   const uint32_t count = static_cast<uint32_t>(size);
-  const std::unique_ptr<uint8_t[]> out(new uint8_t[size / 4 * 3]);
+  const qmxtest::Decoded expected = qmxtest::model_decoding({text, size});
+  const std::unique_ptr<uint8_t[]> out(new uint8_t[expected.bytes.size()]);
   uint32_t length;
-  const char* const stop = QMXUtilBase64Decoding(text, out.get(), count, &length);
-  require(stop >= text && stop <= text + size && length <= size / 4 * 3);
-  // Two bytes for each entry: a segment has four characters, but for a text that is shorter than that.
-  const size_t room = size / 4 * 5 + 2;
-  const std::unique_ptr<uint8_t[]> list(new uint8_t[room]);
-  const uint32_t written = QMXUtilBase64ConvToBinWLen(text, count, list.get());
-  require(written <= room);
-  if (size > 0 && written > 0) require(list[0] == (length & 255) && list[1] == (length >> 8 & 255));
+  require(QMXUtilBase64Decoding(text, out.get(), count, &length) == text + expected.stop);
+  require(length == expected.bytes.size() && memcmp(out.get(), expected.bytes.data(), length) == 0);
+  const std::string entries = qmxtest::model_entries({text, size});
+  const std::unique_ptr<uint8_t[]> list(new uint8_t[entries.size()]);
+  require(QMXUtilBase64ConvToBinWLen(text, count, list.get()) == entries.size());
+  require(memcmp(list.get(), entries.data(), entries.size()) == 0);
 
   std::string digits(text, size);  // whatever the characters are
   const std::unique_ptr<uint8_t[]> bytes(new uint8_t[size / 2]);
@@ -149,22 +146,18 @@ void base64(const uint8_t* data, size_t size) {
 }
 
 void start_codes(const uint8_t* data, size_t size) {
-  static const uint8_t prefix[] = {0, 0, 1};
+  const std::string bytes(reinterpret_cast<const char*>(data), size);
   const uint8_t* cursor = data;
   uint32_t left = static_cast<uint32_t>(size), code;
   for (;;) {
-    const void* const plain = memmem(cursor, left, prefix, sizeof prefix);
-    const size_t from = static_cast<size_t>(cursor - data);
-    const size_t at = qmxutil::find_start_code_prefix(data, from, size);
-    require(plain != nullptr ? data + at == plain : at == size);
-
-    const bool expected = plain != nullptr && size - at >= 5;
+    const size_t at = bytes.find(std::string("\0\0\1", 3), size - left);
+    const bool expected = at < size && size - at >= 5;
     const uint8_t* same = cursor;
     uint32_t same_left = left;
     require(QMXUtil_FindStartCode(&cursor, &left, &code) == expected && cursor + left == data + size);
     if (!expected) return;
-    require(cursor == plain && code == 0x100u + cursor[3]);
-    require(QMXUtil_FindStartCode2(&same, &same_left, code) == 1 && same <= cursor);
+    require(cursor == data + at && code == 0x100u + cursor[3]);
+    require(QMXUtil_FindStartCode2(&same, &same_left, code) == 1 && same == cursor && same_left == left);
     ++cursor;
     --left;
   }

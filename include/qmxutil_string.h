@@ -35,7 +35,7 @@
 /**
  * Reverses a text in place.
  *
- * @param s  the text, or null
+ * @param[in,out] s  the text, or null
  * @return `s`
  */
 QMX_API char* QMX_strrev(char* s);
@@ -94,8 +94,8 @@ QMX_API char* QMX_ITOA(int32_t value, char* buf);
 /**
  * Turns a stretch of bytes into lower case. A NUL does not end it: exactly `n` bytes are converted.
  *
- * @param s  the bytes, changed in place, or null
- * @param n  how many; 0 and less change nothing
+ * @param[in,out] s  the bytes, or null
+ * @param n          how many; 0 and less change nothing
  * @return `s`
  */
 QMX_API char* QMXUtilStrntolower(char* s, int32_t n);
@@ -103,8 +103,8 @@ QMX_API char* QMXUtilStrntolower(char* s, int32_t n);
 /**
  * Turns a stretch of bytes into upper case. A NUL does not end it: exactly `n` bytes are converted.
  *
- * @param s  the bytes, changed in place, or null
- * @param n  how many; 0 and less change nothing
+ * @param[in,out] s  the bytes, or null
+ * @param n          how many; 0 and less change nothing
  * @return `s`
  */
 QMX_API char* QMXUtilStrntoupper(char* s, int32_t n);
@@ -184,8 +184,8 @@ QMX_API const char* QMXUtilStrFindString(const char* text, const char* pattern);
  * terminated: it is the `len` bytes before the position returned, its own CR and LF included, spaces at its
  * start not.
  *
- * @param text  the text, changed in place; null gives null and leaves `len` alone
- * @param len   receives the length of the line
+ * @param[in,out] text  the text; null gives null and leaves `len` alone
+ * @param len           receives the length of the line
  * @return where the next line begins, or the text's NUL.
  */
 QMX_API char* QMXUtilStrGetLine(char* text, uint32_t* len);
@@ -336,10 +336,10 @@ QMX_API const char* QMXUtilStrGetContext(const char* text, const char** start, u
  * first: QMXUtilStrGetHexString() takes exactly the digits. Of an odd number of characters the last is
  * ignored.
  *
- * @param text  the characters, changed in place
- * @param len   how many
- * @param out   room for `len` / 2 bytes; may be `text` itself, which converts in place, but must not overlap
- *              it in another way
+ * @param[in,out] text  the characters
+ * @param len           how many
+ * @param out           room for `len` / 2 bytes; may be `text` itself, which converts in place, but must not
+ *                      overlap it in another way
  * @return the bytes written, `len` / 2.
  */
 QMX_API uint32_t QMXUtil_ConvStrToBin(char* text, uint32_t len, uint8_t* out);
@@ -366,9 +366,9 @@ QMX_API char* QMXUtil_ConvBinToStr(const uint8_t* bin, uint32_t len);
 /**
  * Moves a cursor to the next start code.
  *
- * @param buf   the cursor; moved to the start code, or to the last four bytes when there is none
- * @param len   bytes from the cursor to the end; becomes the bytes from the new position to the end
- * @param code  receives 0x100 plus the code byte, only when a start code is found
+ * @param[in,out] buf  the cursor; moved to the start code, or to the last four bytes when there is none
+ * @param[in,out] len  bytes from the cursor to the end; becomes the bytes from the new position to the end
+ * @param code         receives 0x100 plus the code byte, only when a start code is found
  * @return 1 when one was found, else 0. With fewer than five bytes nothing is changed.
  */
 QMX_API int QMXUtil_FindStartCode(const uint8_t** buf, uint32_t* len, uint32_t* code);
@@ -377,9 +377,9 @@ QMX_API int QMXUtil_FindStartCode(const uint8_t** buf, uint32_t* len, uint32_t* 
  * Moves a cursor to the next place where four bytes have a given value, such as 0x1B3 for a sequence header.
  * Any 32-bit pattern can be searched.
  *
- * @param buf   the cursor; moved to the four bytes, or to the last four bytes when they are not there
- * @param len   bytes from the cursor to the end; becomes the bytes from the new position to the end
- * @param code  the four bytes, read big-endian
+ * @param[in,out] buf  the cursor; moved to the four bytes, or to the last four bytes when they are not there
+ * @param[in,out] len  bytes from the cursor to the end; becomes the bytes from the new position to the end
+ * @param code         the four bytes, read big-endian
  * @return 1 when they were found, else 0. With fewer than five bytes nothing is changed.
  */
 QMX_API int QMXUtil_FindStartCode2(const uint8_t** buf, uint32_t* len, uint32_t code);
@@ -396,9 +396,9 @@ QMX_API int QMXUtil_FindStartCode2(const uint8_t** buf, uint32_t* len, uint32_t 
  * - "=" in the first place of a group ends the decoding; in the second place it counts 0 and does not; in the
  *   third or fourth place it ends the decoding after one or two bytes of the group.
  *
- * A caller who must know that all of a text was decoded takes white space out first, makes sure that the
- * text is one token (QMXUtilBase64GetString()) of a multiple of four characters, and checks that the position
- * returned is its end.
+ * All of a text is decoded when, white space taken out, it is one token (QMXUtilBase64GetString()) of a
+ * multiple of four characters, has no ",", and has "=" only as its last one or two characters. The results do
+ * not tell: a caller who must know looks at the text.
  * @{
  */
 
@@ -418,12 +418,12 @@ QMX_API char* QMXUtilBase64Encoding(const uint8_t* data, int32_t len, uint32_t* 
  *
  * @param text    the characters; needs no NUL
  * @param out     room for three bytes for every four characters; nothing is written but what is decoded. May
- * be where the text is, which decodes in place
+ *                be where the text is, which decodes in place
  * @param len     how many characters; of fewer than four none is read
  * @param outlen  receives the number of bytes written
  * @return the position after the last character read: at a "," that ended the segment, after padding, or
- * where fewer than four characters remained. When the last group did not get its four characters it is the
- *         end of the text, and that group is not decoded.
+ *         where fewer than four characters remained. When the last group did not get its four characters it
+ *         is the end of the text, and that group is not decoded.
  */
 QMX_API const char* QMXUtilBase64Decoding(const char* text, uint8_t* out, uint32_t len, uint32_t* outlen);
 
@@ -462,7 +462,7 @@ QMX_API uint8_t* QMXUtilBase64ConvToBin(const char* text, uint32_t len, uint32_t
  *
  * @param text  the characters
  * @param len   how many
- * @param out   room for three bytes for every four characters, and two for every segment
+ * @param out   room for `len` + 2 bytes, which is always enough
  * @return the bytes written.
  */
 QMX_API uint32_t QMXUtilBase64ConvToBinWLen(const char* text, uint32_t len, uint8_t* out);

@@ -5,11 +5,10 @@
 // bulk work never runs far ahead of what a short answer needs.
 #include "qmxutil_string.h"
 
-#include <string.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstring>
 
 #include "internal/big_endian.h"
 #include "internal/handles.h"
@@ -63,7 +62,7 @@ uint32_t hexadecimal_digit_value(char c) {
 }  // namespace
 
 char* QMX_strrev(char* s) {
-  if (s != nullptr) std::reverse(s, s + strlen(s));
+  if (s != nullptr) std::reverse(s, s + std::strlen(s));
   return s;
 }
 
@@ -132,8 +131,8 @@ int compare_ignoring_case(const uint8_t* a, const uint8_t* b, size_t limit) {
     return difference != 0;
   };
   if (limit < kSingly) {
-    for (size_t i = 0; i < limit && !ends_at(i); ++i) {
-    }
+    size_t i = 0;
+    while (i < limit && !ends_at(i)) ++i;
     return difference;
   }
 #pragma GCC unroll 8
@@ -147,16 +146,16 @@ bool is_line_end(char c) { return c == '\0' || c == '\n' || c == '\r'; }
 
 // The first match that a line end belongs to.
 const char* find_across(const char* text, const char* line_end, const char* pattern, size_t size) {
-  if (strchr(pattern, *line_end) == nullptr) return nullptr;
+  if (std::strchr(pattern, *line_end) == nullptr) return nullptr;
   const size_t before = std::min(static_cast<size_t>(line_end - text), size - 1);
   for (const char* at = line_end - before; at <= line_end; ++at) {
-    if (strncmp(at, pattern, size) == 0) return at;
+    if (std::strncmp(at, pattern, size) == 0) return at;
   }
   return nullptr;
 }
 
 // The first match that begins on the first line of a text, its end included. The pattern has `size` bytes,
-// at least one; its last two are looked for, because the last ones of keys are rarer than the first.
+// at least one; its last two are looked for, because of a key the last characters are rarer than the first.
 const char* find_in_line(const char* text, const char* pattern, size_t size) {
   const size_t gap = size > 1, head = size - 1 - gap;
   const uint8_t first = as_bytes(pattern)[head], last = as_bytes(pattern)[size - 1];
@@ -166,7 +165,7 @@ const char* find_in_line(const char* text, const char* pattern, size_t size) {
     readable += more;
     while ((i = find_pair_or_line_end(as_bytes(text), i, readable, first, last, gap)) < readable) {
       if (is_line_end(text[i])) return find_across(text, text + i, pattern, size);
-      if (i >= head && memcmp(text + i - head, pattern, head) == 0) return text + i - head;
+      if (i >= head && std::memcmp(text + i - head, pattern, head) == 0) return text + i - head;
       ++i;
     }
     if (more < stretch) return nullptr;
@@ -198,50 +197,50 @@ char* QMXUtilStrdupn(const char* src, uint32_t n) {
   auto copy = NEW_BLOCK(char, n + 1, QMX_FILL_NONE);
   if (copy == nullptr) return nullptr;
   const size_t length = strnlen(src, n);
-  memcpy(copy.get(), src, length);
-  memset(copy.get() + length, 0, n + size_t{1} - length);
+  std::memcpy(copy.get(), src, length);
+  std::memset(copy.get() + length, 0, n + size_t{1} - length);
   return copy.release();
 }
 
 char* QMXUtilStrdup(const char* src) {
   if (src == nullptr) return nullptr;
-  const size_t size = strlen(src) + 1;
+  const size_t size = std::strlen(src) + 1;
   if (size > UINT32_MAX) return nullptr;
   auto copy = NEW_BLOCK(char, static_cast<uint32_t>(size), QMX_FILL_NONE);
   if (copy == nullptr) return nullptr;
-  memcpy(copy.get(), src, size);
+  std::memcpy(copy.get(), src, size);
   return copy.release();
 }
 
 char* QMXUtilStrmcat(const char* a, const char* b) {
   if (a == nullptr) return nullptr;
-  const size_t a_length = strlen(a);
-  const size_t b_length = b != nullptr ? strlen(b) : 0;
+  const size_t a_length = std::strlen(a);
+  const size_t b_length = b != nullptr ? std::strlen(b) : 0;
   const size_t size = a_length + b_length + 1;
   if (size > UINT32_MAX) return nullptr;
   auto joined = NEW_BLOCK(char, static_cast<uint32_t>(size), QMX_FILL_NONE);
   if (joined == nullptr) return nullptr;
-  memcpy(joined.get(), a, a_length);
-  if (b != nullptr) memcpy(joined.get() + a_length, b, b_length);
+  std::memcpy(joined.get(), a, a_length);
+  if (b != nullptr) std::memcpy(joined.get() + a_length, b, b_length);
   joined.get()[size - 1] = '\0';
   return joined.release();
 }
 
 int QMXUtilStrIsDecNumber(const char* s) {
   if (s == nullptr) return 0;
-  s += strspn(s, " ");
+  s += std::strspn(s, " ");
   return *s >= '0' && *s <= '9';
 }
 
 const char* QMXUtilStrFindString(const char* text, const char* pattern) {
   if (text == nullptr) return nullptr;
-  const size_t size = pattern != nullptr ? strlen(pattern) : 0;
+  const size_t size = pattern != nullptr ? std::strlen(pattern) : 0;
   return size == 0 ? text : find_in_line(text, pattern, size);
 }
 
 char* QMXUtilStrGetLine(char* text, uint32_t* len) {
   if (text == nullptr) return nullptr;
-  char* const line = text + strspn(text, " ");
+  char* const line = text + std::strspn(text, " ");
   char* end = line;
   for (;;) {
     end = strchrnul(end, '\n');
@@ -310,16 +309,17 @@ const char* end_of_run(const char* text, Class members) {
 const char* after_key(const char* text, const char* key) {
   if (text == nullptr || key == nullptr) return text;
   const char* const at = QMXUtilStrFindString(text, key);
-  return at != nullptr ? at + strlen(key) : nullptr;
+  return at != nullptr ? at + std::strlen(key) : nullptr;
 }
 
-// Takes a run of digits and converts its first 23 characters, which is more than 32 bits can tell apart.
+// Takes a run of digits and converts it; of a run longer than 23 characters, which is no 32-bit number, the
+// first 23.
 template <class Number>
 const char* convert_run(const char* run, Class members, Number (*convert)(const char*), Number& value) {
   const char* const end = end_of_run(run, members);
   char copy[24];
   const size_t length = std::min(static_cast<size_t>(end - run), sizeof copy - 1);
-  memcpy(copy, run, length);
+  std::memcpy(copy, run, length);
   copy[length] = '\0';
   value = convert(copy);
   return end;
@@ -396,7 +396,7 @@ const char* QMXUtilStrGetSafeString(const char* text, const char** start, uint32
 
 const char* QMXUtilStrGetContext(const char* text, const char** start, uint32_t* len) {
   if (text == nullptr) return nullptr;
-  *start = text + strspn(text, " ");
+  *start = text + std::strspn(text, " ");
   const char* const end = strchrnul(*start, '\r');
   *len = static_cast<uint32_t>(end - *start);
   return end;
@@ -499,7 +499,7 @@ size_t decode_group(const uint8_t (&group)[4], uint8_t* out) {
   return 3;
 }
 
-bool ends_segment(char c) { return is_in(c, kLineEnd) || c == ',' || c == '='; }
+bool ends_segment(char c) { return is_line_end(c) || c == ',' || c == '='; }
 
 }  // namespace
 
@@ -511,7 +511,7 @@ char* QMXUtilBase64Encoding(const uint8_t* data, int32_t len, uint32_t* outlen) 
   if (text == nullptr) return nullptr;
   encode_groups(data, groups, text.get());
   if (rest > 0) encode_rest(data + 3 * groups, rest, text.get() + 4 * groups);
-  memset(text.get() + length, 0, room - length);
+  std::memset(text.get() + length, 0, room - length);
   *outlen = static_cast<uint32_t>(length);
   return text.release();
 }

@@ -31,7 +31,7 @@ inline std::string text_of(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-// The same numbers in every run of a test.
+// The same numbers in every run of a test, whatever ran before it.
 inline std::mt19937 random_words{1};
 inline uint32_t any_word() { return static_cast<uint32_t>(random_words()); }
 inline uint32_t below(size_t n) { return static_cast<uint32_t>(random_words() % n); }
@@ -40,6 +40,11 @@ inline std::string any_bytes(size_t size) {
   std::string bytes(size, 0);
   for (char& byte : bytes) byte = static_cast<char>(random_words());
   return bytes;
+}
+inline std::string chars(size_t size, const std::string& of) {
+  std::string text(size, 0);
+  for (char& c : text) c = of[below(of.size())];
+  return text;
 }
 inline std::string some_of(const std::string& bytes) { return bytes.substr(0, below(bytes.size() + 1)); }
 

@@ -217,12 +217,12 @@ std::string read_file(const std::string& path) {
 GuardedBytes::GuardedBytes(size_t size) : size_(size) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t body = (size + page - 1) / page * page;
-  map_size_ = body + page;
-  void* const map = mmap(nullptr, map_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  map_size_ = page + body + page;
+  void* const map = mmap(nullptr, map_size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   require(map != MAP_FAILED, "mmap");
   map_ = static_cast<uint8_t*>(map);
-  mprotect(map_ + body, page, PROT_NONE);
-  data_ = map_ + body - size;
+  mprotect(map_ + page, body, PROT_READ | PROT_WRITE);
+  data_ = map_ + page + body - size;
 }
 
 GuardedBytes::GuardedBytes(const std::string& bytes) : GuardedBytes(bytes.size()) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bytes.h"
 #include "qmxbase.h"
 
 namespace qmxtest {
@@ -101,7 +102,10 @@ RecordingBase& recording();
 // A test that begins with a fresh recording and must end with nothing held.
 class BaseTest : public ::testing::Test {
  protected:
-  void SetUp() override { recording().reset(); }
+  void SetUp() override {
+    recording().reset();
+    random_words.seed(1);
+  }
   void TearDown() override { EXPECT_EQ(recording().held(), 0) << "not given back to the base library"; }
 };
 
@@ -133,7 +137,8 @@ void with_limit(__rlimit_resource resource, F call, rlim_t most = 0) {
   setrlimit(resource, &usual);
 }
 
-// Bytes in a private mapping that ends at an unreadable page: a step past the end ends the test.
+// Bytes in a private mapping between unreadable pages, the second right after them: a step past the end
+// ends the test, and so does one before the beginning of whole pages.
 class GuardedBytes {
  public:
   explicit GuardedBytes(const std::string& bytes);
