@@ -109,7 +109,7 @@ void cut(ReadFrame read, const std::string& path, const Bytes& data, uint32_t si
     joined.insert(joined.end(), buffer.begin(), buffer.begin() + length);
     require(QMX_FileTell(file) == static_cast<int64_t>(joined.size()));
   }
-  if (size > data.size() + 2) require(joined == data);  // a slice header needs room for a byte behind it
+  if (size > data.size() + 2) require(joined == data);  // a slice header needs room for a byte after it
   require(joined.size() <= data.size() && std::equal(joined.begin(), joined.end(), data.begin()));
   QMX_FileClose(file);
 }

@@ -135,7 +135,7 @@ void skip_pic_order_cnt(BitReader& in, uint64_t bits) {
 
 uint8_t UtilGetSPSPPSInfo(const uint8_t* sps, uint32_t length, VideoInfo* size, H264ProfileInfo* profile) {
   const BitHandle handle = open_bits(sps, length);
-  if (!handle) return false;
+  if (handle == nullptr) return false;
   BitReader in(handle.get());
   VideoInfo unused_size;
   if (size == nullptr) size = &unused_size;
@@ -158,7 +158,7 @@ uint8_t UtilGetSPSPPSInfo(const uint8_t* sps, uint32_t length, VideoInfo* size, 
 
 uint8_t QMXUtil_GetH264Info(const uint8_t* config, uint32_t length, VideoInfo*, H264ProfileInfo* profile) {
   const BitHandle handle = open_bits(config, length);
-  if (!handle) return false;
+  if (handle == nullptr) return false;
   BitReader in(handle.get());
   H264ProfileInfo unused;
   if (profile == nullptr) profile = &unused;
@@ -253,7 +253,7 @@ BitHandle open_payload(const uint8_t* nal, uint32_t length) {
 
 bool read_vps(H265ParamSetInfo& out) {
   const BitHandle handle = open_payload(out.vpsNal, out.vpsNalLength);
-  if (!handle) return false;
+  if (handle == nullptr) return false;
   BitReader in(handle.get());
   out.vps_video_parameter_set_id = in.u8(4);
   out.vps_base_layer_internal_flag = in.u8(1);
@@ -268,7 +268,7 @@ bool read_vps(H265ParamSetInfo& out) {
 
 bool read_sps(H265ParamSetInfo& out) {
   const BitHandle handle = open_payload(out.spsNal, out.spsNalLength);
-  if (!handle) return false;
+  if (handle == nullptr) return false;
   BitReader in(handle.get());
   out.sps_video_parameter_set_id = in.u8(4);
   out.sps_max_sub_layers_minus1 = in.u8(3);
@@ -353,7 +353,7 @@ int UtilConvH265InfoFromStartCode(const uint8_t* data, int32_t length, H265Param
 
 int UtilConvH265Info(const uint8_t* config, uint32_t length, H265ParamSetInfo* out) {
   const ByteHandle handle(QMXByte_Open(config, length));
-  if (!handle) return 0;
+  if (handle == nullptr) return 0;
   int error = 0;
   if (QMXByte_Get_char(handle.get(), &error) != 1) return 0;  // configurationVersion
   const uint8_t profile = QMXByte_Get_char(handle.get(), &error);
@@ -476,7 +476,7 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
   if (begins_with_start_code(data, *length)) return;
   if (*length > UINT32_MAX - kAvccCopySlack) return;
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length + kAvccCopySlack, QMX_FILL_NONE);
-  if (!copy) return;
+  if (copy == nullptr) return;
   put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
   if (*length > kAvccHeaderSize) {
@@ -493,7 +493,7 @@ void QMXUtil_ConvH264InfoToStartCode(uint8_t* data, uint32_t* length) {
 
 void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length, QMX_FILL_NONE);
-  if (!copy) return;
+  if (copy == nullptr) return;
   put_bytes(copy.get(), data, *length);
   uint8_t* end = data;
   Bytes rest = Bytes(copy.get(), *length).subspan(std::min(*length, kHvccHeaderSize));
@@ -506,10 +506,10 @@ void QMXUtil_ConvHEVCInfoToStartCode(uint8_t* data, uint32_t* length) {
 
 void QMXUtil_ConvH265InfoToStartCode(uint8_t* data, uint32_t* length) {
   const Block<uint8_t> copy = NEW_BLOCK(uint8_t, *length, QMX_FILL_NONE);
-  if (!copy) return;
+  if (copy == nullptr) return;
   put_bytes(copy.get(), data, *length);
   const ByteHandle handle(QMXByte_Open(copy.get(), *length));
-  if (!handle) return;
+  if (handle == nullptr) return;
   *length = static_cast<uint32_t>(convert_arrays(handle.get(), *length, data) - data);
 }
 
@@ -632,7 +632,7 @@ bool read_sequence_extension(BitReader in, SequenceExtension& extension) {
 bool find_sequence_header(const uint8_t*& data, uint32_t& length, SequenceHeader& found) {
   if (!QMXUtil_FindStartCode2(&data, &length, kSequenceHeaderCode)) return false;
   const BitHandle handle = open_bits(data, length);
-  return handle && read_sequence_header(BitReader(handle.get()), found);
+  return handle != nullptr && read_sequence_header(BitReader(handle.get()), found);
 }
 
 // Reads the first sequence extension from `data` on, if any; false when there is no bit reader to be had.
@@ -641,7 +641,7 @@ bool find_sequence_extension(const uint8_t* data, uint32_t length, SequenceExten
   for (; QMXUtil_FindStartCode(&data, &length, &code); ++data, --length) {
     if (code != kExtensionStartCode) continue;
     const BitHandle handle = open_bits(data, length);
-    if (!handle) return false;
+    if (handle == nullptr) return false;
     if (read_sequence_extension(BitReader(handle.get()), found)) return true;
   }
   return true;
@@ -804,7 +804,7 @@ uint8_t UtilGetMPEG4Info(const uint8_t* data, uint32_t length, VideoInfo* info, 
   }
   const BitHandle handle =
       open_bits(data + at + kStartCodeSize, static_cast<uint32_t>(length - at - kStartCodeSize));
-  if (!handle) return false;
+  if (handle == nullptr) return false;
   BitReader in(handle.get());
   VideoInfo unused_info;
   if (info == nullptr) info = &unused_info;
@@ -847,7 +847,7 @@ uint8_t UtilGetMPEG4Info(const uint8_t* data, uint32_t length, VideoInfo* info, 
 
 uint32_t UtilSetMPEG4Info(uint8_t* out, uint32_t, const VideoInfo* info, const MPEG4VolInfo* vol) {
   const BitHandle handle(QMXBitOpen(out, kMpeg4InfoRoom));
-  if (!handle) return 0;
+  if (handle == nullptr) return 0;
   QMXBit* const bits = handle.get();
   const uint32_t quant_type = vol->quantType & 1;
 

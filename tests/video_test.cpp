@@ -16,6 +16,9 @@ using std::string;
 
 class VideoTest : public BaseTest {};
 
+VideoInfo* const kNoSize = nullptr;
+H264ProfileInfo* const kNoProfile = nullptr;
+
 uint32_t value(uint32_t bits) { return bits == 0 ? 0 : any_word() >> (32 - bits); }
 
 // Bytes among which zeros, ones and threes are frequent.
@@ -63,6 +66,13 @@ Record marked() {
 template <class Record>
 bool equal(const Record& a, const Record& b) {
   return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Calls a parser on bytes that end at an unreadable page.
+template <class Parser, class... Out>
+int parse(Parser parser, const string& bytes, Out*... out) {
+  const GuardedBytes data(bytes);
+  return static_cast<int>(parser(data.data(), data.size(), out...));
 }
 
 // ---- H.264 parameter sets
@@ -126,40 +136,35 @@ TEST_F(VideoTest, H264SpsOfAllKinds) {
     bits.any(1);
     want_size.width = (bits.ue(value(below(17))) + 1) * 16;
     want_size.height = (bits.ue(value(below(17))) + 1) * 16;
-    const GuardedBytes sps(bits.bytes);
-    EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), nullptr, &profile), 1);
-    EXPECT_EQ(UtilGetSPSPPSInfo(sps.data(), sps.size(), &size, nullptr), 1);
+    EXPECT_EQ(parse(UtilGetSPSPPSInfo, bits.bytes, kNoSize, &profile), 1);
+    EXPECT_EQ(parse(UtilGetSPSPPSInfo, bits.bytes, &size, kNoProfile), 1);
     EXPECT_TRUE(equal(size, want_size) && equal(profile, want)) << want.profile << " case " << i;
   }
-  const GuardedBytes four_billion_offsets(hex("42 00 00 D3 00 00 00 01 FF FF FF FE"));
   VideoInfo size = {};
-  EXPECT_EQ(UtilGetSPSPPSInfo(four_billion_offsets.data(), 12, &size, nullptr), 1);
+  const string four_billion_offsets = hex("42 00 00 D3 00 00 00 01 FF FF FF FE");
+  EXPECT_EQ(parse(UtilGetSPSPPSInfo, four_billion_offsets, &size, kNoProfile), 1);
   EXPECT_EQ(size.width, 16u);  // 1s past the end
 }
 
-TEST_F(VideoTest, RecordsOfOtherKinds) {  // of the usual ones: the clips
-  const GuardedBytes no_sps(hex("01 4D 40 1E FF E1 00 04 68")), hvcc(hex("02 A1 60000000 90000000 0000 5D"));
+TEST_F(VideoTest, RecordsOfOtherKinds) {
   constexpr uint32_t kMark = 0xA5A5A5A5;
   H264ProfileInfo profile = marked<H264ProfileInfo>();
-  EXPECT_EQ(QMXUtil_GetH264Info(no_sps.data(), no_sps.size(), nullptr, &profile), 0);
+  EXPECT_EQ(parse(QMXUtil_GetH264Info, hex("01 4D 40 1E FF E1 00 04 68"), kNoSize, &profile), 0);
   EXPECT_TRUE(equal(profile, H264ProfileInfo{0x4D, kMark, 0x1E, 4, kMark}));
   EXPECT_EQ(UtilSetH264Info(nullptr, 0, nullptr, nullptr), -1);
   H265ParamSetInfo head = marked<H265ParamSetInfo>(), want = head;
-  EXPECT_EQ(UtilConvH265Info(hvcc.data(), hvcc.size(), &head), 0);
-  EXPECT_TRUE(equal(head, want)) << "the version is 2";
-  hvcc.data()[0] = 1;
-  want.vpsProfileTierLevel.general_profile_space = 0xA1;
-  want.vpsProfileTierLevel.general_profile_idc = 1;
-  want.vpsProfileTierLevel.general_level_idc = 93;
-  UtilConvH265Info(hvcc.data(), hvcc.size(), &head);
+  EXPECT_EQ(parse(UtilConvH265Info, hex("81 A1 60000000 90000000 0000 5D"), &head), 0);
+  EXPECT_TRUE(equal(head, want)) << "of another version";
+  H265ProfileTierLevel& ptl = want.vpsProfileTierLevel;
+  ptl.general_profile_space = 0xA1, ptl.general_profile_idc = 1, ptl.general_level_idc = 93;
+  EXPECT_EQ(parse(UtilConvH265Info, hex("01 A1 60000000 90000000 0000 5D"), &head), 0);
   EXPECT_TRUE(equal(head, want));
 }
 
 TEST_F(VideoTest, TheCodecChoosesTheParser) {
   // An avcC record, as hvcC another one, then a video object layer and a sequence header.
-  const GuardedBytes config(
-      hex("01 64 00 28 FF E1 00 04 67 64 00 28 5D 00 00 01 20 00 84 5D 4C 28 58 21 20 A3 "
-          "1F 00 00 00 00 01 B3 17 00 F0 C4 01 1F A0"));
+  const string config =
+      hex("01640028 FFE10004 67640028 5D 00000120 00845D4C28582120A31F0000 000001B3 1700F0C4011FA0");
   const std::pair<const char*, std::vector<uint32_t>> cases[] = {
       {"H264 avc1 AVC1", {1, 0, 0, 0, 0, 0, 0}},
       {"H265 HEVC hvc1 hev1 HEV1", {1, 0, 0, 0, 0, 4, 93}},
@@ -170,14 +175,11 @@ TEST_F(VideoTest, TheCodecChoosesTheParser) {
     for (const char* codec = codecs; codec < codecs + std::strlen(codecs); codec += 5) {
       VideoInfo i = {};
       std::memcpy(&i.codec, codec, 4);
-      const uint32_t result = QMXUtil_GetVideoInfo(config.data(), config.size(), &i);
+      const uint32_t result = parse(QMXUtil_GetVideoInfo, config, &i);
       EXPECT_EQ((std::vector{result, i.width, i.height, i.frameRate, i.bitRate, i.profile, i.level}), want);
     }
   }
-  uint32_t code, upper;
-  std::memcpy(&code, "a`{z", 4);
-  std::memcpy(&upper, "A`{Z", 4);
-  EXPECT_EQ(UtilToUpperVideoFourCC(code), upper);
+  EXPECT_EQ(UtilToUpperVideoFourCC(0x7A7B6061), 0x5A7B6041u);  // a`{z
 }
 
 // ---- H.265 parameter sets
@@ -246,12 +248,8 @@ TEST_F(VideoTest, H265ParameterSetsAreLocatedAndRead) {
     H265ParamSetInfo info = marked<H265ParamSetInfo>(), want = info;
     Bits vps, sps;
     vps.put(16, 0x4001);
-    vps.any(4, want.vps_video_parameter_set_id);
-    vps.any(1, want.vps_base_layer_internal_flag);
-    vps.any(1, want.vps_base_layer_available_flag);
-    vps.any(6, want.vps_max_layers_minus1);
-    vps.any(3, want.vps_max_sub_layers_minus1);
-    vps.any(1, want.vps_temporal_id_nesting_flag);
+    uint8_t* field = &want.vps_video_parameter_set_id;  // the first of six
+    for (const uint32_t n : {4, 1, 1, 6, 3, 1}) vps.any(n, *field++);
     vps.put(16, 0xFFFF);
     put_profile_tier_level(vps, want.vpsProfileTierLevel, want.vps_max_sub_layers_minus1);
     sps.put(16, 0x4201);
@@ -358,6 +356,8 @@ TEST_F(VideoTest, UnitsConvertToStartCodesAndFromThem) {
       const GuardedBytes sample(with_4.substr(0, cut));
       UtilConvH264FrameToStartCode(sample.data(), static_cast<int32_t>(cut));
       ASSERT_EQ(text_of(sample.data(), cut), want);
+      UtilConvH264FrameToStartCode(sample.data(), static_cast<int32_t>(cut));
+      ASSERT_EQ(text_of(sample.data(), cut), want) << "converted already";
     }
     if (data.empty()) continue;
     UtilConvH264InfoFromStartCode(input.data(), input.size(), record_out.data(), &length, &profile);
@@ -405,22 +405,14 @@ TEST_F(VideoTest, UnitsConvertToStartCodesAndFromThem) {
     while (ends.size() < count) add_group(hex("20 00 01"), 1);
     expect_start_codes(QMXUtil_ConvHEVCInfoToStartCode, std::min<size_t>(count, 3), SIZE_MAX);
   }
-}
-
-TEST_F(VideoTest, WhatIsConvertedAlreadyOrTooShortIsLeftAlone) {
-  const GuardedBytes done(kStartCode + "\x67"), head(hex("01 64 00 28 FF E0")), huge(hex("FF FF FF FF 01"));
-  uint32_t done_length = 5, head_length = 6;
-  QMXUtil_ConvH264InfoToStartCode(done.data(), &done_length);
-  EXPECT_EQ(text_of(done.data(), done_length), kStartCode + "\x67");
-  QMXUtil_ConvH264InfoToStartCode(head.data(), &head_length);
-  EXPECT_EQ(head_length, 0u);
-  EXPECT_EQ(recording().calls(), (std::vector<string>{"Malloc 22 -1", "Free"}));
+  const GuardedBytes done(kStartCode + "\x67"), huge(hex("FF FF FF FF 01"));
+  uint32_t length = done.size();
+  QMXUtil_ConvH264InfoToStartCode(done.data(), &length);
+  EXPECT_EQ(text_of(done.data(), length), kStartCode + "\x67");
   UtilConvH264FrameToStartCode(huge.data(), -1);
   EXPECT_EQ(huge.data()[0], 0xFF);
-  for (int twice = 0; twice < 2; ++twice) {  // the second time it is converted already
-    UtilConvH264FrameToStartCode(huge.data(), 5);
-    EXPECT_EQ(text_of(huge.data(), 5), hex("00 00 00 01 01"));
-  }
+  UtilConvH264FrameToStartCode(huge.data(), 5);
+  EXPECT_EQ(text_of(huge.data(), 5), kStartCode + "\1");
 }
 
 // ---- MPEG-1/2 and MPEG-4
@@ -544,19 +536,17 @@ TEST_F(VideoTest, Mpeg4VideoObjectLayers) {
 }
 
 TEST_F(VideoTest, Mpeg4ConfigurationIsComposed) {
-  for (const uint32_t quant_type : {2, 1}) {  // its lowest bit
-    VideoInfo size = {};
-    size.width = 0x1ABD;
-    size.height = 0x0543;
-    MPEG4VolInfo vol = {};
-    vol.timeIncrementResolution = 0x8001;
+  const string start = hex("000001B003 000001B58913 000001B2") + "MPEG4Info" + string(23, 0);
+  VideoInfo size = {};
+  size.width = 0x1ABD;
+  size.height = 0x0543;
+  MPEG4VolInfo vol = {};
+  vol.timeIncrementResolution = 0x8001;
+  for (const auto& [quant_type, end] : {std::pair{2u, "463F"}, {5u, "498F"}}) {  // the lowest bit counts
     vol.quantType = quant_type;
     const GuardedBytes out(200);
     ASSERT_EQ(UtilSetMPEG4Info(out.data(), 0, &size, &vol), 66u);
-    EXPECT_EQ(text_of(out.data(), 66), hex("00 00 01 B0 03 00 00 01 B5 89 13 00 00 01 B2") + "MPEG4Info" +
-                                           string(23, 0) +
-                                           hex("00 00 01 00 00 00 01 20 00 C4 88 C0 00 DD 5E CA 87") +
-                                           hex(quant_type == 1 ? "49 8F" : "46 3F"));
+    EXPECT_EQ(text_of(out.data(), 66), start + hex("00000100 00000120 00C488C000DD5ECA87") + hex(end));
   }
 }
 

@@ -9,7 +9,7 @@ namespace qmxutil {
 // A handle at the first bit of the bytes; null when the base library has none to give.
 inline BitHandle open_bits(const uint8_t* data, uint32_t length) {
   BitHandle handle(QMXBitOpen(data, length));
-  if (handle) QMXBitByteAlign(handle.get());
+  if (handle != nullptr) QMXBitByteAlign(handle.get());
   return handle;
 }
 
