@@ -23,8 +23,11 @@ if(QMX_SANITIZE)
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
   # Firmware is attacked through the files it plays: hardening is part of the release build.
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong)
-  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
-    add_compile_options(-fcf-protection)  # jumps land only where they are meant to
+  # Jumps and returns land only where they are meant to; older cores take the marks as hints to do nothing.
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+    add_compile_options(-mbranch-protection=standard)
+  elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    add_compile_options(-fcf-protection)
   endif()
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()

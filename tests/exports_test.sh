@@ -79,6 +79,8 @@ for library in "${libraries[@]}"; do
   has "$symbols" 'U __[a-z]+_chk' "calls with checked bounds (_FORTIFY_SOURCE)"
   lacks "$dynamic" 'TEXTREL' "text relocations"
   lacks "$dynamic" 'NEEDED.*lib(stdc|c\+\+|gcc_s)' "need of a run-time C++ library"
+  code=$("${NM%nm}objdump" -d --no-show-raw-insn -j .text "$library" | grep -A1 '^[0-9a-f]* <[A-Za-z0-9_@.]*>:$')
+  ! grep -vE '>:$|^--$|endbr64|paciasp|bti' <<<"$code" || fail "${library##*/}: functions not marked as landings"
   # Nothing of ours runs at load: the one entry is the compiler's own.
   sections=$("$READELF" -SW "$library")
   has "$sections" '\.init_array +INIT_ARRAY +[0-9a-f]+ [0-9a-f]+ 000008 ' "load without constructors"
