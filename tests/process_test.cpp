@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
-#include <random>
 
 #include "qmxutil_process.h"
 #include "qmxutil_signal.h"
@@ -230,10 +229,9 @@ TEST_F(ProcessTest, NamesReachTheToolsCutAndWithoutMeaningToTheShell) {
     EXPECT_EQ(seen_by_tool(), (name.empty() ? "0:" : "1:") + name);
   }
   Texts names = {"*", "x; $(touch pwned)", "'; `touch pwned`; '", "a\nb", std::string(200, '\'')};
-  std::mt19937 random(7);
   for (int i = 0; i < 40; ++i) {
-    std::string name(1 + random() % 100, ' ');
-    for (char& c : name) c = static_cast<char>(random() % 255 + 1);
+    std::string name(1 + qmxtest::below(100), ' ');
+    for (char& c : name) c = static_cast<char>(qmxtest::below(255) + 1);
     if (name.find('\n') == std::string::npos) names.push_back(name);
   }
   for (const std::string& name : names) {

@@ -12,7 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <random>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -169,7 +169,7 @@ TEST_F(TimerTest, FailuresAreTracedLeaveNothingAndKeepTheMask) {
   setrlimit(RLIMIT_SIGPENDING, &usual);
   EXPECT_EQ(recording().trace_texts(), std::vector<std::string>(1, "timer creation failed!! (err.11)\n"));
   EXPECT_EQ(recording().held(), static_cast<int>(timers.size()));
-  std::shuffle(timers.begin(), timers.end(), std::mt19937(1));
+  std::shuffle(timers.begin(), timers.end(), qmxtest::random_words);
   for (TimerHandle* timer : timers) QMXUtil_TimerFree(timer);
   const sigset_t after = mask();
   EXPECT_EQ(memcmp(&before, &after, sizeof before), 0);
@@ -218,7 +218,14 @@ TEST_F(TimerTest, ASignalPendingWhenItsTimerIsFreedIsSilent) {
   EXPECT_TRUE(recording().traces().empty());
 }
 
-// Runs it in a child of fork(), which ends with its result; true when that is 0, within a minute.
+bool ended_well(pid_t child) {
+  int status = -1;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status == 0;
+}
+
+// Makes the call in a child of fork(), whether it holds there within a minute.
 template <class F>
 bool holds_in_child(F call) {
   const pid_t child = fork();
@@ -226,10 +233,7 @@ bool holds_in_child(F call) {
     alarm(60);
     _exit(call() ? 0 : 1);
   }
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return status == 0;
+  return ended_well(child);
 }
 
 // A timer is made, calls back and is freed.
@@ -253,79 +257,56 @@ TEST_F(TimerTest, AChildFreesTheRecordsAndHasTimersOfItsOwn) {
   QMXUtil_TimerFree(timer);
 }
 
-struct LongCallback {
-  std::atomic<bool> runs{false};
-  std::atomic<int> did_not_wait{0}, freed{0}, made{0};
-};
-
-int look_who_waits(void* arg) {
-  LongCallback& call = *static_cast<LongCallback*>(arg);
-  call.runs = true;
-  for (const auto end = Clock::now() + milliseconds(50); Clock::now() < end;) {
-    if (call.freed != 0 || call.made != 0) call.did_not_wait = 1;
-  }
-  return 0;
-}
+int call(void* function) { return (*static_cast<std::function<int()>*>(function))(); }
 
 TEST_F(TimerTest, CreatingAndFreeingWaitForARunningCallback) {
-  LongCallback call;
+  std::atomic<bool> runs{false};
+  std::atomic<int> done{0}, did_not_wait{0};
+  std::function<int()> look_who_waits = [&] {
+    runs = true;
+    for (const auto end = Clock::now() + milliseconds(50); Clock::now() < end;) did_not_wait |= done;
+    return 0;
+  };
   Probe probe;
-  TimerHandle *made = nullptr, *const timer = QMXUtil_TimerNew(20, 0, look_who_waits, &call);
+  TimerHandle *made = nullptr, *const timer = QMXUtil_TimerNew(20, 0, call, &look_who_waits);
   const sigset_t open = block_timer_signal();  // the threads inherit it: the callback runs here
-  std::thread frees(
-      [&] { call.freed = wait_for([&] { return call.runs.load(); }) && QMXUtil_TimerFree(timer) == 0; });
-  std::thread makes(
-      [&] { call.made = wait_for([&] { return call.runs.load(); }) && (made = start(probe, 0, false)); });
+  const auto started = [&] { return runs.load(); };
+  std::thread frees([&] { done += wait_for(started) && QMXUtil_TimerFree(timer) == 0; });
+  std::thread makes([&] { done += wait_for(started) && (made = start(probe, 0, false)); });
   pthread_sigmask(SIG_SETMASK, &open, nullptr);
   frees.join();
   makes.join();
-  EXPECT_EQ(call.did_not_wait, 0);
-  EXPECT_EQ(call.freed + call.made, 2);
+  EXPECT_EQ(did_not_wait, 0);
+  EXPECT_EQ(done, 2);
   QMXUtil_TimerFree(made);
 }
 
-int run_until_freed(void* arg) {
-  LongCallback& call = *static_cast<LongCallback*>(arg);
-  call.runs = true;
-  return wait_for([&] { return call.freed != 0; }) ? 0 : 1;
-}
-
-// Forks in a callback, and waits for what the child does after it has returned there.
-int fork_in_callback(void* arg) {
-  const pid_t child = fork();
-  static_cast<std::atomic<pid_t>*>(arg)->store(child == 0 ? -1 : child);
-  return 0;
-}
-
 TEST_F(TimerTest, AChildDoesNotWaitForACallbackOfItsParent) {
-  LongCallback call;
+  std::atomic<bool> runs{false}, end{false};
+  std::function<int()> lasts = [&] {
+    runs = true;
+    return wait_for([&] { return end.load(); }) ? 0 : 1;
+  };
   TimerHandle* timer = nullptr;
   std::thread other([&] {  // the callback runs here
-    timer = QMXUtil_TimerNew(1, 0, run_until_freed, &call);
-    wait_for([&] { return call.freed != 0; });
+    timer = QMXUtil_TimerNew(1, 0, call, &lasts);
+    wait_for([&] { return end.load(); });
   });
   const sigset_t open = block_timer_signal();
-  ASSERT_TRUE(wait_for([&] { return call.runs.load(); }));
-  EXPECT_TRUE(holds_in_child([&] {
-    pthread_sigmask(SIG_SETMASK, &open, nullptr);
-    return timers_work() && QMXUtil_TimerFree(timer) == 0;
-  }));
-  call.freed = 1;
+  EXPECT_TRUE(wait_for([&] { return runs.load(); }));
+  EXPECT_TRUE(
+      holds_in_child([&] { return pthread_sigmask(SIG_SETMASK, &open, nullptr) == 0 && timers_work(); }));
+  end = true;
   other.join();
   pthread_sigmask(SIG_SETMASK, &open, nullptr);
   QMXUtil_TimerFree(timer);
 
-  std::atomic<pid_t> child = 0;
-  timer = QMXUtil_TimerNew(1, 0, fork_in_callback, &child);
-  wait_for([&] { return child != 0; });
-  if (child == -1) {
-    alarm(60);
-    _exit(timers_work() ? 0 : 1);
-  }
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  EXPECT_EQ(status, 0);
+  std::atomic<pid_t> child = -1;
+  std::function<int()> forks = [&] { return (child = fork()) * 0; };
+  timer = QMXUtil_TimerNew(1, 0, call, &forks);
+  EXPECT_TRUE(wait_for([&] { return child != -1; }));
+  if (child == 0) _exit(alarm(60) == 0 && timers_work() ? 0 : 1);  // the callback has returned there
+  EXPECT_TRUE(ended_well(child));
   QMXUtil_TimerFree(timer);
 }
 

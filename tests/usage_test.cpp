@@ -4,14 +4,14 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <random>
 #include <span>
+#include <sstream>
 #include <thread>
 
 #include "qmxutil_usage.h"
@@ -28,7 +28,6 @@ class UsageTest : public qmxtest::BaseTest {
  protected:
   const qmxtest::ReplacementTools tools_;
   const std::string& folder_ = tools_.dir().path();
-  std::mt19937 random_{11};
 
   UsageCpuHandle* open_cpu(const std::string& count) {
     tools_.tool("wc", "printf -- '" + count + "'");
@@ -110,19 +109,19 @@ TEST_F(UsageTest, CpuReadingsFollowTheModelOverRandomContents) {
     for (int reading = 0; reading < 40; ++reading) {
       Texts lines;
       std::string content;
-      const size_t count = random_() % 4 == 0 ? random_() % 9 : 9;
+      const size_t count = qmxtest::below(4) == 0 ? qmxtest::below(9) : 9;
       for (size_t i = 0; i < count; ++i) {
         std::string& line = lines.emplace_back("cpu");
         if (i != 0) line += std::to_string(i - 1);
         for (int column = 0; column < 10; ++column) {
-          const int ticks = reading * 100 + static_cast<int>(random_() % 200);
-          line.append(" ").append(std::to_string(random_() % 64 == 0 ? -1 : ticks));
+          const int ticks = reading * 100 + static_cast<int>(qmxtest::below(200));
+          line.append(" ").append(std::to_string(qmxtest::below(64) == 0 ? -1 : ticks));
         }
-        if (random_() % 16 == 0) line.append(300, ' ').append("1");
+        if (qmxtest::below(16) == 0) line.append(300, ' ').append("1");
         content += line + "\n";
       }
       tools_.dir().write("stat", content);
-      if (random_() % 4 == 0) {
+      if (qmxtest::below(4) == 0) {
         ASSERT_EQ(QMXUTIL_UsageCpuGet(handle, &out.all), model[0].step(lines, 0, "CPU", expected.all));
       } else {
         const bool taken = model[0].step(lines, 0, "CPU*", expected.all);
@@ -174,96 +173,68 @@ TEST_F(UsageTest, TaskOpenTakesTheFirstProcess) {
 
 struct Thread {
   std::string name;
-  uint32_t user = 0, system = 0;
+  int user, system;
 };
 
-// An entry of the table: the thread as last seen, as seen before, and the difference.
-struct TaskModel {
-  Thread cur, prev{}, delta{};
-  bool matched = false;
-};
-
-TEST_F(UsageTest, TaskReadingsFollowTheModelWhileThreadsComeAndGo) {
-  namespace fs = std::filesystem;
+TEST_F(UsageTest, TaskReadingsWhileThreadsComeAndGo) {
+  const std::string reset = "Reset by re-arrange of /proc/.../task\n", root = folder_ + "/task";
+  const std::vector<Thread> many(150, {"(many)", 7, 7});
+  const struct {
+    std::vector<Thread> threads;
+    std::string told;
+    Texts loads;
+  } readings[] = {
+      {{{"(a)", 30, 0}, {"(b)", 10, 10}, {"(c)", 5, 5}, {"(c)", 50, 50}}, "", {}},
+      {{{"(a)", 30, 0}, {"(b)", 10, 10}, {"(c)", 5, 5}, {"(c)", 50, 50}},
+       "",
+       {"(a) 0 0 0", "(b) 0 0 0", "(c) 0 0 0", "(c) 0 0 0"}},
+      {{{"(a)", 60, 0}, {"(b)", 20, 20}, {"(c)", 5, 5}, {"(c)", 50, 50}},
+       "",
+       {"(a) 60 0 60", "(b) 20 20 40", "(c) 0 0 0", "(c) 0 0 0"}},
+      {{{"(d)", 9, 9}, {"(b)", 20, 20}, {"(c)", 15, 5}, {"(c)", 50, 60}},  // one has ended, one is new
+       "",
+       {"(a) 60 0 60", "(b) 0 0 0", "(c) 0 20 20", "(c) 20 0 20"}},
+      {{{"(b)", 19, 30}, {"(c)", 16, 5}}, reset, {}},  // other threads of the names
+      {{{"(b)", 19, 30}, {"(e)", 1, 1}}, "", {}},
+      {{{"(b)", 20, 29}}, reset, {}},
+      {many, "", {}},
+      {many, "", Texts(100, "(many) 0 0 0")},
+  };
   UsageTaskHandle* const handle = open_tasks("1");
-  const std::string root = folder_ + "/task/";
-  std::snprintf(handle->path, sizeof handle->path, "%s/task", folder_.c_str());
-  std::map<std::string, Thread> threads;  // by thread id
-  std::vector<TaskModel> table;
-  bool rebuild = true;
-  std::array<int, 2> reports{};  // in a table with room, in a full one
+  std::snprintf(handle->path, sizeof handle->path, "%s", root.c_str());
   UsageTaskLoadList out;
-  fs::create_directories(root + "1000");  // a thread that has just ended
-  for (int reading = 0; reading < 100; ++reading) {
-    const bool changes = reading % 8 == 0;  // readings in between report
-    for (auto births = reading == 80 ? 150 : changes ? 4 : 0; births > 0; --births) {
-      const std::string id = std::to_string(random_() % 1000);
-      threads[id] = {"(t" + std::to_string(random_() % 9) + ")"};
-      fs::create_directories(root + id + "/fd");
-      tools_.dir().write("task/" + id + "/fd/stat", "1 (deeper) R 1 1 1 1 1 1 1 1 1 1 99 99");
-    }
-    if (changes) {
-      fs::remove_all(root + threads.begin()->first);
-      threads.erase(threads.begin());
-    }
-    for (auto& [id, thread] : threads) {
-      if (random_() % 2 != 0) {
-        thread.user += static_cast<uint32_t>(random_() % 50);
-        thread.system += static_cast<uint32_t>(random_() % 50);
-      }
-      if (random_() % 500 == 0) thread.system /= 2;  // another thread of the name came
-      const std::string ticks = std::to_string(thread.user) + " " + std::to_string(thread.system);
-      fs::remove(root + id + "/stat");  // some file systems flush what is overwritten
-      tools_.dir().write("task/" + id + "/stat",
-                         id + " " + thread.name + " R 1 1 1 0 -1 4 1 2 3 4 " + ticks + " 0 0 20 0\n");
-    }
-
-    bool reset = false;
-    if (rebuild) table.clear();
-    for (const auto& directory : fs::directory_iterator(root)) {
-      const auto found = threads.find(directory.path().filename());
-      if (found == threads.end()) continue;
-      const Thread& now = found->second;
-      if (rebuild && table.size() < 100) table.push_back({now});
-      const auto entry = std::find_if(table.begin(), table.end(), [&](const TaskModel& candidate) {
-        return !candidate.matched && candidate.cur.name == now.name;
-      });
-      if (rebuild || entry == table.end()) continue;
-      const Thread delta = {"", now.user - entry->cur.user, now.system - entry->cur.system};
-      const bool back = now.user < entry->cur.user || now.system < entry->cur.system;
-      if (!back) *entry = {now, entry->cur, delta, true};
-      reset |= back;
-    }
+  Texts loads;
+  const auto get = [&] {
     recording().clear_traces();
-    ASSERT_EQ(QMXUTIL_UsageTaskGet(handle, &out), reset ? 0 : 1) << reading;
-    ASSERT_EQ(recording().trace_texts(), reset ? Texts{"Reset by re-arrange of /proc/.../task\n"} : Texts{});
-    ASSERT_EQ(static_cast<size_t>(out.count), reset || rebuild ? 0 : table.size()) << reading;
-    uint32_t ticks = 0;
-    for (TaskModel& entry : table) {
-      entry.matched = false;
-      ticks += entry.cur.user - entry.prev.user + entry.cur.system - entry.prev.system;
+    const int result = QMXUTIL_UsageTaskGet(handle, &out);
+    loads.clear();
+    for (const auto& [name, user, system, total] : std::span(out.task, static_cast<size_t>(out.count))) {
+      std::ostringstream load;
+      load << name << " " << user << " " << system << " " << total;
+      loads.push_back(load.str());
     }
-    const auto share = [&](uint32_t part) {
-      return ticks == 0 ? 0.0f : static_cast<float>(part) / static_cast<float>(ticks) * 100.0f;
-    };
-    for (int i = 0; i < out.count; ++i) {
-      const auto& [cur, prev, delta, matched] = table[static_cast<size_t>(i)];
-      const auto& [name, user, system, total] = out.task[i];
-      ASSERT_EQ(
-          std::tuple(std::string(name), user, system, total),
-          std::tuple(cur.name, share(delta.user), share(delta.system), share(delta.user + delta.system)));
+    std::sort(loads.begin(), loads.end());
+    return result;
+  };
+  for (const auto& reading : readings) {
+    std::filesystem::remove_all(root);
+    std::filesystem::create_directories(root + "/1000");  // a thread that has just ended
+    int id = 100;
+    for (const auto& [name, user, system] : reading.threads) {
+      const std::string thread = "task/" + std::to_string(++id), ticks = " R 1 1 1 0 -1 4 1 2 3 4 ";
+      std::filesystem::create_directories(folder_ + "/" + thread + "/fd");
+      tools_.dir().write(thread + "/fd/stat", "1 (deeper) R 1 1 1 1 1 1 1 1 1 1 99 99");
+      tools_.dir().write(thread + "/stat", std::to_string(id) + " " + name + ticks + std::to_string(user) +
+                                               " " + std::to_string(system) + " 0 0 20 0\n");
     }
-    rebuild = reset;
-    reports[out.count == 100] += out.count > 0;
+    EXPECT_EQ(get(), reading.told.empty() ? 1 : 0);
+    EXPECT_EQ(recording().trace_texts(), reading.told.empty() ? Texts{} : Texts{reading.told});
+    EXPECT_EQ(loads, reading.loads);
   }
-  EXPECT_GT(reports[false], 30);
-  EXPECT_GT(reports[true], 0) << "a full table";
-  fs::remove_all(root);  // the process has ended
-  handle->rebuild = 0;
-  recording().clear_traces();
-  EXPECT_EQ(QMXUTIL_UsageTaskGet(handle, &out), 1);
-  EXPECT_EQ(static_cast<size_t>(out.count), table.size());
-  EXPECT_EQ(recording().trace_texts(), Texts{"open (" + folder_ + "/task) failed! (errno 2)\n"});
+  std::filesystem::remove_all(root);  // the process has ended
+  EXPECT_EQ(get(), 1);
+  EXPECT_EQ(out.count, 100);
+  EXPECT_EQ(recording().trace_texts(), Texts{"open (" + root + ") failed! (errno 2)\n"});
   EXPECT_EQ(QMXUTIL_UsageTaskGet(nullptr, &out) + QMXUTIL_UsageTaskGet(handle, nullptr), 0);
   QMXUTIL_UsageTaskClose(handle);
 }

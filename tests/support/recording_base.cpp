@@ -37,7 +37,7 @@ std::atomic<size_t> trace_count;
 struct Run {  // what reset() begins anew
   std::vector<std::string> calls;
   std::map<Op, int> until_failure;  // calls to go
-  bool fired = false;
+  std::string failed_call;
   bool guard_pages = true;
   std::set<int> malloc_lines;
   decltype(&QMX_FileRead) read = nullptr;
@@ -76,7 +76,8 @@ bool fails(Op op, const char* call, ...) {
   s.calls.push_back(text);
   const auto to_go = s.until_failure.find(op);
   if (to_go == s.until_failure.end() || --to_go->second != 0) return false;
-  return s.fired = true;
+  s.failed_call = text;
+  return true;
 }
 
 void require(bool holds, const char* what) {
@@ -133,6 +134,7 @@ RecordingBase& recording() {
 }
 
 void RecordingBase::reset() {
+  random_words.seed(1);
   clear_traces();
   const Locked locked;
   static_cast<Run&>(state()) = {};
@@ -170,7 +172,7 @@ std::vector<std::string> RecordingBase::calls_of(const std::string& prefix) cons
 
 void RecordingBase::clear_calls() { Locked()->calls.clear(); }
 void RecordingBase::fail(Op op, int n) { Locked()->until_failure[op] = n; }
-bool RecordingBase::fired() const { return Locked()->fired; }
+std::string RecordingBase::failed_call() const { return Locked()->failed_call; }
 void RecordingBase::stop_failing() { Locked()->until_failure.clear(); }
 void RecordingBase::use_guard_pages(bool on) { Locked()->guard_pages = on; }
 

@@ -76,9 +76,9 @@ class RecordingBase {
   std::vector<std::string> calls_of(const std::string& prefix) const;
   void clear_calls();
 
-  // The n-th call of `op` from now on fails (1 is the next); true from fired() once it came to that.
+  // The n-th call of `op` from now on fails (1 is the next, 0 none).
   void fail(Op op, int n = 1);
-  bool fired() const;
+  std::string failed_call() const;  // as calls() has it; empty while it has not come to that
   void stop_failing();
 
   // Blocks end at an unreadable page and are unmapped when freed. Switch off for very many blocks.
