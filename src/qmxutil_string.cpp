@@ -507,11 +507,10 @@ char* QMXUtilBase64Encoding(const uint8_t* data, int32_t len, uint32_t* outlen) 
   if (len < 0) return nullptr;
   const size_t count = static_cast<size_t>(len), groups = count / 3, rest = count % 3;
   const size_t room = (count + 2) * 4 / 3 + 2, length = (groups + (rest > 0)) * 4;
-  auto text = NEW_BLOCK(char, static_cast<uint32_t>(room), QMX_FILL_NONE);
+  auto text = NEW_BLOCK(char, static_cast<uint32_t>(room), QMX_FILL_ZERO);
   if (text == nullptr) return nullptr;
   encode_groups(data, groups, text.get());
   if (rest > 0) encode_rest(data + 3 * groups, rest, text.get() + 4 * groups);
-  std::memset(text.get() + length, 0, room - length);
   *outlen = static_cast<uint32_t>(length);
   return text.release();
 }

@@ -307,7 +307,7 @@ TEST_F(TextTest, Base64Encoding) {
     uint32_t length = 77;
     char* const encoded =
         QMXUtilBase64Encoding(GuardedBytes(content).data(), static_cast<int32_t>(size), &length);
-    ASSERT_EQ(recording().calls_of("Malloc").at(size), "Malloc " + std::to_string(room) + " -1");
+    ASSERT_EQ(recording().calls_of("Malloc").at(size), "Malloc " + std::to_string(room) + " 0");
     ASSERT_EQ(length, expected.size());
     ASSERT_EQ(take(encoded, room), expected + string(room - length, '\0'));
   }
