@@ -25,9 +25,10 @@ printf '[picture]\nbrightness = 5\n; at night\ngain = 12\n\n[sound]\nvolume = 3\
 run ini set recorder.ini language en --fixed-size 3000 --lock
 show
 
-say "Louder. The library traces its commit: written in place, under an exclusive file lock, and synced"
+say "Louder. The library traces its commit: in place, under a lock, and synced"
 export QMX_TRACE=2
-run ini set recorder.ini volume 11 --fixed-size 3000 --lock 2>&1 | sed "s/^qmxutil_ini:/   trace: &/"
+run ini set recorder.ini volume 11 --fixed-size 3000 --lock 2>&1 |
+  sed "s/^qmxutil_ini:/   trace: &/; s/: Closing/:\n   Closing/; s/, padding/,\n   padding/"
 unset QMX_TRACE
 show
 

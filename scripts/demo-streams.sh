@@ -21,13 +21,13 @@ say "Made into what a decoder takes, NAL units behind start codes; and back"
 run convert --to annexb h264-high.avcc parameter-sets.264
 run convert --to avcc parameter-sets.264 back.avcc
 cmp -n "$(stat -c %s back.avcc)" back.avcc h264-high.avcc
-echo "The same record, less the four bytes behind the parameter sets, which the library leaves out."
+echo "The same record, less the four bytes after its parameter sets."
 
 say "The track's samples, converted likewise, and cut into frames"
 run convert --to annexb h264-high.samples track.264
 run frames track.264
 
-say "Other streams: H.265, MPEG-4 Part 2, MP3 behind an ID3 tag, the two bytes of an AAC track"
+say "Other streams: H.265, MPEG-4, MP3 after an ID3 tag, AAC's two bytes"
 run probe h265-main10.265
 run probe mpeg4-advanced.m4v
 run probe mp3-id3.mp3
