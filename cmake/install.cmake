@@ -14,7 +14,8 @@ if(debug)
 endif()
 if(QMX_BUILD_TOOL)
   list(APPEND directories
-    ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_MANDIR}/man1 ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_MANDIR}/man1 ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    ${CMAKE_INSTALL_DATADIR}/zsh/site-functions ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 endif()
 list(TRANSFORM directories PREPEND "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/")
 list(JOIN directories "\" \"" directories)
@@ -70,4 +71,8 @@ if(QMX_BUILD_TOOL)
   install(FILES docs/qmxutil.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
   install(FILES tools/qmxutil.bash-completion RENAME qmxutil
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT command)
+  install(FILES tools/qmxutil.zsh-completion RENAME _qmxutil
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT command)
+  install(FILES tools/qmxutil.fish-completion RENAME qmxutil.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT command)
 endif()

@@ -112,6 +112,8 @@ QMX_API uint32_t QMXUtil_MetaDataRead(const char* path, int32_t metaType);
  *
  * QMX_META_BYTE writes the low 8 bits of the value, as a big-endian 32-bit number in a container of type 1
  * (ISO base media file) and as one byte elsewhere. Every other type writes the low 16 bits, low byte first.
+ * The field's own size is not looked at: the type must be the one that the field was made with, or bytes
+ * after the field are overwritten or the value reads back as another one.
  *
  * Any thread; may block on the file.
  *

@@ -31,4 +31,4 @@ say "Other streams: H.265, MPEG-4, MP3 after an ID3 tag, AAC's two bytes"
 run probe h265-main10.265
 run probe mpeg4-advanced.m4v
 run probe mp3-id3.mp3
-run probe aac-44100-2.asc
+run probe aac-44100-2.asc --codec aac

@@ -52,16 +52,31 @@ cmake -S "$work" -B "$work/taken_in" -G Ninja ${TOOLCHAIN:+-DCMAKE_TOOLCHAIN_FIL
 [ -z "$(find "$work/taken_in" -name tests -o -name tools)" ] || fail "add_subdirectory brings too much"
 
 is "-45.50000 1.00000" "$prefix/bin/qmxutil" gps 4530.0 S 00100.0 E
-run "$prefix/bin/qmxutil" --help | sed -n '/^Subcommands:/,$s/^  \([a-z0-9-]\+\).*/\1/p' >"$work/subcommands"
-[ -s "$work/subcommands" ] || fail "the command lists no subcommands"
-while read -r name; do
-  grep -qE "^\.(BI|B|BR) \"?$name\\b" "$prefix/share/man/man1/qmxutil.1" || fail "$name is not in the man page"
-done <"$work/subcommands"
+# The man page has a section for every subcommand, headed by its name, with each of its options.
+page=$prefix/share/man/man1/qmxutil.1
+check_page() { # SUBCOMMAND...
+  local help section word
+  help=$(run "$prefix/bin/qmxutil" "$@" --help)
+  section=$(awk -v name="$*" '/^\.TP/ { head = NR + 1; here = 0 }
+    { text = $0; gsub(/^\.[A-Z]+ |"/, "", text) } NR == head && text " " ~ "^" name " " { here = 1 } here' "$page")
+  [ -n "$section" ] || [ $# = 0 ] || fail "the man page says nothing of $*"
+  for word in $(grep -oE '^ +(-.,)?--[a-z-]+' <<<"$help" | grep -oE -- '--[a-z-]+'); do
+    [ $# = 0 ] || [ "$word" = --help ] || grep -qF -- "${word//-/\\-}" <<<"$section" || fail "no $* $word there"
+  done
+  for word in $(sed -n '/^Subcommands:/,$s/^  \([a-z0-9-]\+\).*/\1/p' <<<"$help"); do
+    check_page "$@" "$word"
+  done
+}
+check_page
 
 if [ -z "${EMULATOR:-}" ]; then
   completed=$(PATH=$prefix/bin:$PATH bash -c "
     source '$prefix/share/bash-completion/completions/qmxutil'
-    COMP_WORDS=(qmxutil meta '') COMP_CWORD=2; _qmxutil; echo \${COMPREPLY[*]}
-    COMP_WORDS=(qmxutil userdata --js) COMP_CWORD=2; _qmxutil; echo \${COMPREPLY[*]}")
-  [ "$completed" = $'get set\n--json' ] || fail "completion gave: $completed"
+    for words in 'meta ' 'userdata --js' 'convert --from hvcc' 'text field a'; do
+      mapfile -d ' ' -t COMP_WORDS <<<\"qmxutil \$words\"
+      COMP_WORDS[-1]=\${COMP_WORDS[-1]%?} COMP_CWORD=\$((\${#COMP_WORDS[@]} - 1))
+      _qmxutil
+      echo \${COMPREPLY[*]}
+    done")
+  [ "$completed" = $'get set\n--json\nhvcc hvcc-arrays\naddress' ] || fail "completion gave: $completed"
 fi

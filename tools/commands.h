@@ -2,20 +2,23 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <stdexcept>
 #include <string>
+#include <vector>
 
-// A command that cannot do its work: the message goes to standard error, the exit code is 1.
-struct CommandError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+#include "error.h"
 
 void add_ini_commands(CLI::App& app);
-void add_system_commands(CLI::App& app);
-void add_userdata_commands(CLI::App& app);
+void add_monitor_commands(CLI::App& app);
+void add_process_commands(CLI::App& app);
+void add_userdata_command(CLI::App& app);
+void add_meta_command(CLI::App& app);
+void add_place_commands(CLI::App& app);
 void add_probe_command(CLI::App& app);
 void add_frames_command(CLI::App& app);
 void add_convert_command(CLI::App& app);
 void add_timer_command(CLI::App& app);
 void add_text_commands(CLI::App& app);
 void add_basecheck_command(CLI::App& app);
+
+// Prints what could stand in place of the last of the words, a line each, for the completion of a shell.
+void print_completions(CLI::App& app, const std::vector<std::string>& words);

@@ -1,95 +1,93 @@
 // qmxutil convert: H.264 and H.265 configuration records, parameter sets and samples between their framings.
+#include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <functional>
-#include <map>
 #include <memory>
 
 #include "commands.h"
+#include "output.h"
 #include "qmxutil_video.h"
-#include "stream_file.h"
+#include "stream_kind.h"
+#include "units.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using View = std::span<const uint8_t>;
 
 constexpr size_t kReadLimit = size_t{1} << 30;
-constexpr size_t kHvccArrays = 22;  // offset of numOfArrays (ISO/IEC 14496-15, 8.3.3.1)
 
-// A conversion that the library does in place and that may grow: each NAL unit, of 2 bytes at least, gains 2.
-Bytes in_place(std::span<const uint8_t> bytes, void (*convert)(uint8_t*, uint32_t*)) {
-  Bytes result(bytes.begin(), bytes.end());
-  result.resize(bytes.size() * 2 + 16);
-  uint32_t length = static_cast<uint32_t>(bytes.size());
-  convert(result.data(), &length);
-  result.resize(length);
-  return result;
-}
-
-Bytes sample_to_start_codes(std::span<const uint8_t> bytes) {
-  const auto length = static_cast<int32_t>(bytes.size());
-  Bytes result(bytes.begin(), bytes.end());
-  UtilConvH264FrameToStartCode(result.data(), length);
-  Bytes back = result;
-  UtilConvH264FrameFromStartCode(back.data(), length);
-  if (!std::equal(back.begin(), back.end(), bytes.begin(), bytes.end())) {
-    throw CommandError("no configuration record, and no NAL units behind four-byte lengths either");
-  }
-  return result;
-}
-
-Bytes to_annexb(const StreamFile& file, StreamKind kind, const std::string& from) {
+Bytes to_annexb(View bytes, StreamKind kind, const std::string& from) {
   if (from == "avcc" || (from.empty() && kind == StreamKind::kAvcc)) {
-    return in_place(file.bytes(), QMXUtil_ConvH264InfoToStartCode);
+    return to_start_codes(bytes, avcc_units(bytes), QMXUtil_ConvH264InfoToStartCode);
   }
-  if (from == "hvcc" || (from.empty() && kind == StreamKind::kHvcc)) {
-    if (file.bytes().size() <= kHvccArrays) throw CommandError("too short for an hvcC record");
-    return in_place(file.bytes().subspan(kHvccArrays), QMXUtil_ConvH265InfoToStartCode);
+  const bool is_record = from == "hvcc" || (from.empty() && kind == StreamKind::kHvcc);
+  if (is_record && bytes.size() <= kHvccArrays) throw CommandError("too short for an hvcC record");
+  if (is_record || from == "hvcc-arrays") {
+    const View arrays = is_record ? bytes.subspan(kHvccArrays) : bytes;
+    return to_start_codes(arrays, hvcc_units(arrays), QMXUtil_ConvH265InfoToStartCode);
   }
-  if (from == "hvcc-arrays") return in_place(file.bytes(), QMXUtil_ConvH265InfoToStartCode);
-  return sample_to_start_codes(file.bytes());
+  const auto units = sample_units(bytes);
+  if (!units) throw CommandError("no configuration record, and no NAL units after four-byte lengths either");
+  return to_start_codes(bytes, units, [](uint8_t* sample, const uint32_t* length) {
+    UtilConvH264FrameToStartCode(sample, static_cast<int32_t>(*length));
+  });
 }
 
-std::vector<StartCodeUnit> units_with_start_codes(const StreamFile& file) {
-  auto units = start_code_units(file.bytes());
-  if (units.empty() || units[0].offset != 0) throw CommandError("does not begin with a start code");
-  return units;
+// Throws unless the result holds just these units: a count or a length may have been too large for it.
+void require_units(const std::optional<Lengths>& found, const std::vector<StartCodeUnit>& wanted) {
+  const auto same = [](size_t length, const StartCodeUnit& unit) { return length == unit.bytes.size(); };
+  if (!found || !std::ranges::equal(*found, wanted, same))
+    throw CommandError("too many units, or too long ones");
 }
 
-Bytes to_lengths(const StreamFile& file) {
-  Bytes result = byte_stream(units_with_start_codes(file));  // the library takes four-byte start codes only
+void require_start_code(View bytes) {
+  UnitReader reader(bytes);
+  StartCodeUnit first;
+  if (!reader.next(first) || first.offset != 0) throw CommandError("does not begin with a start code");
+}
+
+Bytes to_lengths(View bytes) {
+  require_start_code(bytes);
+  const auto units = start_code_units(bytes);
+  Bytes result = byte_stream(units);  // the library takes four-byte start codes only
   UtilConvH264FrameFromStartCode(result.data(), static_cast<int32_t>(result.size()));
+  require_units(sample_units(result), units);
   return result;
 }
 
-Bytes to_avcc(const StreamFile& file, StreamKind kind) {
+Bytes to_avcc(View bytes, const Stream& stream) {
   constexpr uint8_t kSpsHeader = 0x67;  // the only one that the library counts as an SPS
-  if (kind != StreamKind::kH264) throw CommandError("no H.264 parameter sets with start codes");
-  auto sets = h264_parameter_sets(units_with_start_codes(file));
-  std::stable_partition(sets.begin(), sets.end(),
-                        [](const StartCodeUnit& unit) { return h264_type(unit) == 7; });
-  if (sets[0].bytes[0] != kSpsHeader) throw CommandError("the SPS has a header other than 67");
+  if (stream.kind != StreamKind::kH264) throw CommandError("no H.264 parameter sets with start codes");
+  require_start_code(bytes);
+  auto sets = start_code_units({stream.sets.data(), stream.sets.size() - 1});
+  const auto is_sps = [](const StartCodeUnit& unit) { return h264_type(unit) == 7; };
+  std::ranges::stable_partition(sets, is_sps);
+  for (const StartCodeUnit& set : sets) {
+    if (is_sps(set) && set.bytes[0] != kSpsHeader) throw CommandError("an SPS has a header other than 67");
+  }
   H264ProfileInfo profile = {};
   UtilGetSPSPPSInfo(sets[0].bytes.data() + 1, static_cast<uint32_t>(sets[0].bytes.size() - 1), nullptr,
                     &profile);
   profile.nalLengthSize = 4;
-  const Bytes stream = byte_stream(sets);
-  Bytes result(stream.size() + 7);
+  const Bytes units = byte_stream(sets);
+  Bytes result(units.size() + 7);
   uint32_t length = 0;
-  UtilConvH264InfoFromStartCode(stream.data(), static_cast<uint32_t>(stream.size()), result.data(), &length,
+  UtilConvH264InfoFromStartCode(units.data(), static_cast<uint32_t>(units.size()), result.data(), &length,
                                 &profile);
   result.resize(length);
+  require_units(avcc_units(result), sets);
   return result;
 }
 
-Bytes to_hvcc_arrays(const StreamFile& file, StreamKind kind) {
-  if (kind != StreamKind::kH265) throw CommandError("no H.265 parameter sets with start codes");
-  const Bytes stream = byte_stream(h265_parameter_sets(units_with_start_codes(file)));
-  Bytes result(stream.size());
+Bytes to_hvcc_arrays(View bytes, const Stream& stream) {
+  if (stream.kind != StreamKind::kH265) throw CommandError("no H.265 parameter sets with start codes");
+  require_start_code(bytes);
+  const auto length_in = static_cast<int32_t>(stream.sets.size() - 1);
+  Bytes result(stream.sets.size());
   uint32_t length = 0;
-  QMXUtil_ConvH26xExtraDataFromStartCode(stream.data(), static_cast<int32_t>(stream.size()), result.data(),
-                                         &length);
+  QMXUtil_ConvH26xExtraDataFromStartCode(stream.sets.data(), length_in, result.data(), &length);
   result.resize(length);
+  require_units(sample_units(result, 2), start_code_units({stream.sets.data(), stream.sets.size() - 1}));
   return result;
 }
 
@@ -100,30 +98,31 @@ struct ConvertOptions {
   std::string out;
 };
 
-Bytes converted(const ConvertOptions& options, const StreamFile& file) {
-  const StreamKind kind = stream_kind(file);
-  if (options.to == "annexb") return to_annexb(file, kind, options.from);
-  if (options.to == "avcc") return to_avcc(file, kind);
-  if (options.to == "hvcc-arrays") return to_hvcc_arrays(file, kind);
-  return to_lengths(file);
+Bytes converted(const ConvertOptions& options, Window& window) {
+  const View bytes = window.view();
+  if (options.to == "lengths") return to_lengths(bytes);
+  const Stream stream = recognise(window);
+  if (is_container(stream.kind)) throw CommandError(kind_name(stream.kind));
+  if (options.to == "annexb") return to_annexb(bytes, stream.kind, options.from);
+  return options.to == "avcc" ? to_avcc(bytes, stream) : to_hvcc_arrays(bytes, stream);
 }
 
 void run_convert(const ConvertOptions& options) {
-  const StreamFile file = read_stream(options.in, kReadLimit);
-  if (file.file_size > kReadLimit) throw CommandError(options.in + ": more than 1 GiB");
+  Input input(options.in);
+  Window window(input, kReadLimit);
+  if (!window.reaches_end()) throw CommandError(input.name() + ": 1 GiB or more");
+  const size_t bytes_in = window.view().size();
   Bytes result;
   try {
-    result = converted(options, file);
+    result = converted(options, window);
   } catch (const CommandError& error) {
-    throw CommandError(options.in + ": " + error.what());
+    throw CommandError(input.name() + ": " + error.what());
   }
-  if (result.empty()) throw CommandError(options.in + ": nothing to convert");
-  std::ofstream out(options.out, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(result.data()), static_cast<std::streamsize>(result.size()));
-  out.close();
-  if (!out) throw CommandError("cannot write " + options.out);
-  std::printf("%s, %zu bytes -> %s, %zu bytes\n", options.in.c_str(), file.bytes().size(),
-              options.out.c_str(), result.size());
+  if (result.empty()) throw CommandError(input.name() + ": nothing to convert");
+  write_file(options.out, result);
+  if (options.out == "-") return;
+  std::printf("%s, %zu bytes -> %s, %zu bytes\n", input.name().c_str(), bytes_in, options.out.c_str(),
+              result.size());
 }
 
 }  // namespace
@@ -136,14 +135,14 @@ void add_convert_command(CLI::App& app) {
       ->add_option(
           "--to", options->to,
           "annexb: start codes, from an avcC or hvcC record or from samples; avcc: a record, from a stream's "
-          "parameter sets; hvcc-arrays: H.265 parameter sets behind two-byte lengths, as hvcC arrays hold "
+          "parameter sets; hvcc-arrays: H.265 parameter sets after two-byte lengths, as hvcC arrays hold "
           "them; lengths: samples, from start codes")
       ->required()
       ->check(CLI::IsMember({"annexb", "avcc", "hvcc-arrays", "lengths"}));
   command->add_option("--from", options->from, "what IN is, for --to annexb; otherwise it is looked at")
       ->check(CLI::IsMember({"avcc", "hvcc", "hvcc-arrays", "lengths"}));
-  command->add_option("IN", options->in, "the file to read")->required();
-  command->add_option("OUT", options->out, "the file to write")->required();
+  command->add_option("IN", options->in, "the file to read; - for standard input")->required();
+  command->add_option("OUT", options->out, "the file to write; - for standard output")->required();
   command->footer("Example: qmxutil convert --to annexb clip.avcc clip.264");
   command->callback([options] { run_convert(*options); });
 }

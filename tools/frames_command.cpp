@@ -5,30 +5,32 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
+#include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "container.h"
+#include "output.h"
 #include "qmx_file.h"
 #include "qmxutil_video.h"
-#include "stream_file.h"
+#include "stream_kind.h"
+#include "units.h"
 
 namespace {
 
-using nlohmann::ordered_json;
-
-constexpr size_t kHeadBytes = size_t{1} << 20;  // enough to find the parameter sets
-constexpr size_t kFirstBuffer = size_t{1} << 20;
-constexpr uint32_t kReadBehindFrame = 8;  // start code and header that the readers look at
-constexpr int kBarWidth = 40;
+constexpr uint32_t kFirstBuffer = 1u << 20;
+constexpr uint32_t kLargestBuffer = 32u << 20;  // the largest picture of the highest levels is smaller
+constexpr size_t kLongestList = 65536;
 
 struct CloseFile {
   void operator()(FILE* file) const { QMX_FileClose(file); }
 };
 
-struct Frame {
+// What the library's reader cut at one call.
+struct Unit {
   uint64_t offset;
   uint32_t length;
+  uint32_t pictures;
   std::string types;
 };
 
@@ -54,17 +56,29 @@ std::string type_name(const TypeName (&names)[N], int type) {
   return std::to_string(type);
 }
 
-// "SPS PPS IDR x4": the types of a frame's NAL units, a run of one type counted.
-std::string type_list(std::span<const uint8_t> frame, bool h265) {
-  std::string list, last;
-  int run = 0;
+// Whether a NAL unit is the first slice of a picture: first_mb_in_slice is 0, which is a single bit of 1
+// (ISO/IEC 14496-10, 7.3.3), or first_slice_segment_in_pic_flag is 1 (ISO/IEC 23008-2, 7.3.6.1).
+bool begins_picture(const StartCodeUnit& nal, bool h265) {
+  const size_t header = h265 ? 2 : 1;
+  if (nal.bytes.size() <= header || (nal.bytes[header] & 0x80) == 0) return false;
+  if (h265) return h265_type(nal) < 32 && (nal.bytes[0] & 1) == 0 && nal.bytes[1] >> 3 == 0;
+  return h264_type(nal) == 1 || h264_type(nal) == 2 || h264_type(nal) == 5;
+}
+
+// Fills in "SPS PPS IDR x4", the types of a unit's NAL units, a run of one type counted; and the pictures.
+void look_into(Unit& unit, std::span<const uint8_t> bytes, bool h265) {
+  std::string last;
+  size_t run = 0;
   const auto end_run = [&] {
-    if (run == 0) return;
-    list += (list.empty() ? "" : " ") + last + (run > 1 ? " x" + std::to_string(run) : "");
+    if (run == 0 || unit.types.size() > kLongestList) return;
+    unit.types += (unit.types.empty() ? "" : " ") + last + (run > 1 ? " x" + std::to_string(run) : "");
+    if (unit.types.size() > kLongestList) unit.types += " ...";
   };
-  for (const StartCodeUnit& unit : start_code_units(frame)) {
+  UnitReader reader(bytes);
+  for (StartCodeUnit nal; reader.next(nal);) {
     const std::string name =
-        h265 ? type_name(kH265Types, h265_type(unit)) : type_name(kH264Types, h264_type(unit));
+        h265 ? type_name(kH265Types, h265_type(nal)) : type_name(kH264Types, h264_type(nal));
+    unit.pictures += begins_picture(nal, h265);
     if (name != last) {
       end_run();
       run = 0;
@@ -73,7 +87,6 @@ std::string type_list(std::span<const uint8_t> frame, bool h265) {
     ++run;
   }
   end_run();
-  return list;
 }
 
 // A line on the terminal for work that takes longer than a second.
@@ -97,60 +110,108 @@ class Progress {
   bool shown_ = false;
 };
 
-// Reads frame after frame. The readers take no frame larger than their buffer: then it grows, and they try
-// again from where the frame began.
-std::vector<Frame> read_frames(const std::string& path, uint64_t file_size, bool h265) {
-  const std::unique_ptr<FILE, CloseFile> file(QMX_FileOpen(path.c_str(), QMX_FILE_READ));
-  if (file == nullptr) throw CommandError(path + ": cannot be opened");
+// Reads unit after unit. The readers take none larger than their buffer: then it grows, and they try again
+// from where the unit began.
+template <class Take>
+void read_units(const Input& input, bool h265, const Take& take) {
+  const std::unique_ptr<FILE, CloseFile> file(QMX_FileOpen(input.reopenable_path().c_str(), QMX_FILE_READ));
+  if (file == nullptr) fail_as_system_said(input.name());
+  const uint64_t file_size = input.size();
   const auto read = h265 ? UtilVideo_H265_ReadOneFrame : UtilVideo_H264_ReadOneFrame;
-  std::vector<Frame> frames;
-  std::vector<uint8_t> buffer(kFirstBuffer);
+  uint32_t room = kFirstBuffer;
+  auto buffer = std::make_unique_for_overwrite<uint8_t[]>(room);
   Progress progress;
-  for (uint64_t offset = 0; offset < file_size;) {
-    const auto room = static_cast<uint32_t>(buffer.size() - 1);
-    const uint32_t length = read(file.get(), buffer.data(), room);
-    if (length == 0) {
-      if (buffer.size() > file_size + kReadBehindFrame || buffer.size() > UINT32_MAX / 2) {
-        throw CommandError(path + ": cannot be read from byte " + std::to_string(offset) + " on");
+  for (Unit unit = {}; unit.offset < file_size;) {
+    unit.length = read(file.get(), buffer.get(), room - 1);
+    if (std::ferror(file.get()) != 0) fail_as_system_said(input.name());
+    if (unit.length == 0) {
+      if (room >= kLargestBuffer) {
+        throw CommandError(input.name() + ": no unit ends within 32 MiB from byte " +
+                           std::to_string(unit.offset) + " on");
       }
-      buffer.resize(buffer.size() * 2);
-      QMX_FileSeek(file.get(), static_cast<int64_t>(offset), 0);
+      buffer.reset();
+      buffer = std::make_unique_for_overwrite<uint8_t[]>(room *= 2);
+      if (QMX_FileSeek(file.get(), static_cast<int64_t>(unit.offset), 0) != 0)
+        fail_as_system_said(input.name());
       continue;
     }
-    buffer[length] = 0;  // for start_code_units(); what stands behind the frame is scratch
-    frames.push_back({offset, length, type_list({buffer.data(), length}, h265)});
-    offset += length;
-    progress.show(offset, file_size);
+    buffer[unit.length] = 0;  // for the reader of units; what stands after this one is scratch
+    look_into(unit, {buffer.get(), unit.length}, h265);
+    take(unit);
+    unit = {unit.offset + unit.length, 0, 0, {}};
+    progress.show(unit.offset, file_size);
   }
-  return frames;
 }
 
-void print_table(const std::vector<Frame>& frames, uint64_t file_size) {
-  uint32_t largest = 0;
+struct Totals {
+  uint64_t units = 0;
+  uint64_t pictures = 0;
+
+  void add(const Unit& unit) {
+    ++units;
+    pictures += unit.pictures;
+  }
+};
+
+// The rows are kept until the largest is known: eight bytes each, so that a recording of days does not
+// matter.
+Totals print_table(const Input& input, bool h265) {
+  constexpr size_t kShownTypes = 200;
+  struct Row {
+    uint32_t length;
+    uint32_t types;
+  };
+  std::vector<Row> rows;
+  std::vector<std::string> types;
+  std::map<std::string, uint32_t> numbers;
+  uint32_t largest = 1;
   size_t widest = 5;
-  for (const Frame& frame : frames) {
-    largest = std::max(largest, frame.length);
-    widest = std::max(widest, frame.types.size());
+  Totals totals;
+  read_units(input, h265, [&](const Unit& unit) {
+    const auto [it, is_new] =
+        numbers.emplace(fitted(unit.types, kShownTypes), static_cast<uint32_t>(types.size()));
+    if (is_new) types.push_back(it->first);
+    rows.push_back({unit.length, it->second});
+    largest = std::max(largest, unit.length);
+    widest = std::max(widest, it->first.size());
+    totals.add(unit);
+  });
+  constexpr size_t kFixed = 33, kLeastBar = 10, kMostBar = 40;
+  const size_t columns = std::max(terminal_columns(), kFixed + kLeastBar + 5);
+  widest = std::min(widest, columns - kFixed - kLeastBar);
+  const size_t bar_width = std::min(columns - kFixed - widest, kMostBar);
+  std::printf("%6s  %10s  %8s  %s\n", "unit", "offset", "bytes", "types");
+  uint64_t offset = 0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto bar = static_cast<size_t>((uint64_t{rows[i].length} * bar_width + largest - 1) / largest);
+    std::printf("%6zu  %10" PRIu64 "  %8u  %-*s  %s\n", i, offset, rows[i].length, static_cast<int>(widest),
+                fitted(types[rows[i].types], widest).c_str(), std::string(bar, '#').c_str());
+    offset += rows[i].length;
   }
-  std::printf("%6s  %10s  %8s  %-*s\n", "frame", "offset", "bytes", static_cast<int>(widest), "units");
-  for (size_t i = 0; i < frames.size(); ++i) {
-    const Frame& frame = frames[i];
-    const auto bar = static_cast<size_t>((uint64_t{frame.length} * kBarWidth + largest - 1) / largest);
-    std::printf("%6zu  %10" PRIu64 "  %8u  %-*s  %s\n", i, frame.offset, frame.length,
-                static_cast<int>(widest), frame.types.c_str(), std::string(bar, '#').c_str());
-  }
-  std::printf("%zu frames, %" PRIu64 " bytes, on average %" PRIu64 "\n", frames.size(), file_size,
-              frames.empty() ? 0 : file_size / frames.size());
+  std::printf("%" PRIu64 " units, %" PRIu64 " pictures, %" PRIu64 " bytes", totals.units, totals.pictures,
+              offset);
+  if (totals.pictures > 0) std::printf(", on average %" PRIu64 " a picture", offset / totals.pictures);
+  std::printf("\n");
+  return totals;
 }
 
-void print_json(const std::string& path, const std::vector<Frame>& frames, uint64_t file_size, bool h265) {
-  ordered_json list = ordered_json::array();
-  for (const Frame& frame : frames) {
-    list.push_back({{"offset", frame.offset}, {"bytes", frame.length}, {"units", frame.types}});
-  }
-  const ordered_json all = {
-      {"file", path}, {"codec", h265 ? "h265" : "h264"}, {"bytes", file_size}, {"frames", list}};
-  std::printf("%s\n", all.dump(2).c_str());
+std::string dumped(const nlohmann::ordered_json& value) {
+  return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+Totals print_as_json(const Input& input, bool h265) {
+  std::printf("{\n  \"file\": %s,\n  \"codec\": \"%s\",\n  \"bytes\": %" PRIu64 ",\n  \"frames\": [",
+              dumped(input.name()).c_str(), h265 ? "h265" : "h264", input.size());
+  Totals totals;
+  read_units(input, h265, [&](const Unit& unit) {
+    const nlohmann::ordered_json row = {
+        {"offset", unit.offset}, {"bytes", unit.length}, {"pictures", unit.pictures}, {"units", unit.types}};
+    std::printf("%s\n    %s", totals.units > 0 ? "," : "", dumped(row).c_str());
+    totals.add(unit);
+  });
+  std::printf("\n  ],\n  \"unitCount\": %" PRIu64 ",\n  \"pictures\": %" PRIu64 "\n}\n", totals.units,
+              totals.pictures);
+  return totals;
 }
 
 struct FramesOptions {
@@ -160,18 +221,25 @@ struct FramesOptions {
 };
 
 void run_frames(const FramesOptions& options) {
-  const StreamFile head = read_stream(options.file, kHeadBytes);
-  const StreamKind kind = stream_kind(head);
-  if (options.codec.empty() && kind != StreamKind::kH264 && kind != StreamKind::kH265) {
-    throw CommandError(options.file +
+  Input input(options.file);
+  Window window(input);
+  if (window.view().empty()) throw CommandError(input.name() + ": empty");
+  const StreamKind kind = recognise(window).kind;
+  if (is_container(kind)) {
+    const auto lines = ffmpeg_lines(kind, window);
+    throw CommandError(input.name() + ": " + kind_name(kind) + ", no byte stream" +
+                       (lines.empty() ? "" : "; take it out with\n  " + lines[0]));
+  }
+  const bool is_known = kind == StreamKind::kH264 || kind == StreamKind::kH265;
+  if (options.codec.empty() && !is_known) {
+    throw CommandError(input.name() +
                        ": no parameter sets of an H.264 or H.265 byte stream; --codec says which");
   }
   const bool h265 = options.codec.empty() ? kind == StreamKind::kH265 : options.codec == "h265";
-  const std::vector<Frame> frames = read_frames(options.file, head.file_size, h265);
-  if (options.as_json) {
-    print_json(options.file, frames, head.file_size, h265);
-  } else {
-    print_table(frames, head.file_size);
+  options.as_json ? print_as_json(input, h265) : print_table(input, h265);
+  if (is_known && h265 != (kind == StreamKind::kH265)) {
+    throw CommandError(input.name() + ": " + kind_name(kind) +
+                       " by its parameter sets; --codec makes no sense of it");
   }
 }
 
@@ -179,14 +247,16 @@ void run_frames(const FramesOptions& options) {
 
 void add_frames_command(CLI::App& app) {
   const auto options = std::make_shared<FramesOptions>();
-  CLI::App* const command = app.add_subcommand("frames",
-                                               "Cut an H.264 or H.265 byte stream into frames. The first "
-                                               "unit holds the parameter sets alone; an H.265 "
-                                               "unit ends with one slice of type TRAIL_R or IDR_W_RADL");
-  command->add_option("FILE", options->file, "the stream, with start codes")->required();
+  CLI::App* const command = app.add_subcommand(
+      "frames", "Cut an H.264 or H.265 byte stream into the units that the library's frame readers give");
+  command->add_option("FILE", options->file, "the stream, with start codes; - for a file as standard input")
+      ->required();
   command->add_option("--codec", options->codec, "what the stream is, when it carries no parameter sets")
       ->check(CLI::IsMember({"h264", "h265"}));
   command->add_flag("--json", options->as_json, "print JSON");
-  command->footer("Example: qmxutil frames clip.264");
+  command->footer(
+      "The first unit holds the parameter sets alone. An H.265 unit ends with one slice of type TRAIL_R or\n"
+      "IDR_W_RADL, slices of other types come in front of it; and until such a slice or another PPS comes\n"
+      "right after a PPS, each PPS ends a unit.\nExample: qmxutil frames clip.264");
   command->callback([options] { run_frames(*options); });
 }

@@ -1,17 +1,19 @@
 // qmxutil ini: settings of an INI file, read and changed.
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "output.h"
 #include "qmxutil_ini.h"
 
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 struct CloseIni {
   void operator()(INIHandle* handle) const { QMXUtil_INIClose(handle); }
@@ -21,7 +23,10 @@ using Ini = std::unique_ptr<INIHandle, CloseIni>;
 struct Pair {
   std::string key;
   std::string value;
+
+  bool operator==(const Pair&) const = default;
 };
+using Pairs = std::vector<Pair>;
 
 struct IniOptions {
   std::string file;
@@ -32,11 +37,13 @@ struct IniOptions {
   bool as_json = false;
 };
 
-Ini open_to_read(const std::string& file) {
-  Ini ini(QMXUtil_INIOpen(file.c_str()));
-  if (ini == nullptr) throw CommandError("cannot read '" + file + "'");
-  return ini;
+Ini require_open(Ini ini, const std::string& file) {
+  if (ini != nullptr) return ini;
+  require_file(file);
+  throw CommandError(file + ": 1 MiB or more, or it cannot be read to its end");
 }
+
+Ini open_to_read(const std::string& file) { return require_open(Ini(QMXUtil_INIOpen(file.c_str())), file); }
 
 // Room for any key or value of the file.
 std::vector<char> room_for(const Ini& ini) { return std::vector<char>(static_cast<size_t>(ini->length) + 1); }
@@ -49,24 +56,21 @@ bool search(const Ini& ini, const std::string& key, std::string& value) {
   return found;
 }
 
-std::vector<Pair> all_pairs(const Ini& ini) {
-  std::vector<Pair> pairs;
+Pairs all_pairs(const Ini& ini) {
+  Pairs pairs;
   std::vector<char> key = room_for(ini), value = room_for(ini);
   uint8_t is_pair = 0;
   while (ini->cursor != nullptr && QMXUtil_INIParseLine(ini.get(), key.data(), value.data(), &is_pair) == 1) {
     if (is_pair) pairs.push_back({key.data(), value.data()});
   }
+  QMXUtil_INIReset(ini.get());
   return pairs;
-}
-
-void print_json(const json& document) {
-  std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
 }
 
 void get(const IniOptions& options) {
   std::string value;
   if (!search(open_to_read(options.file), options.key, value)) {
-    throw CommandError("no key '" + options.key + "' in '" + options.file + "'");
+    throw CommandError(options.file + ": no key '" + options.key + "'");
   }
   if (options.as_json) {
     print_json({{"key", options.key}, {"value", value}});
@@ -76,7 +80,7 @@ void get(const IniOptions& options) {
 }
 
 void list(const IniOptions& options) {
-  const std::vector<Pair> pairs = all_pairs(open_to_read(options.file));
+  const Pairs pairs = all_pairs(open_to_read(options.file));
   if (options.as_json) {
     json document = json::array();
     for (const Pair& pair : pairs) document.push_back({{"key", pair.key}, {"value", pair.value}});
@@ -90,33 +94,106 @@ void list(const IniOptions& options) {
   }
 }
 
-// Changes nothing unless the value can be read back, and says so when it did not reach the file.
+// What the pairs become when only the named one changes: the value of the first with this key, or one more
+// pair.
+bool is_only_change(const Pairs& before, const Pairs& after, const IniOptions& options) {
+  const auto has_key = [&](const Pair& pair) { return pair.key == options.key; };
+  const auto place = std::ranges::find_if(after, has_key) - after.begin();
+  if (place == std::ssize(after) || after[static_cast<size_t>(place)].value != options.value) return false;
+  Pairs others_before = before, others_after = after;
+  others_after.erase(others_after.begin() + place);
+  const auto old = std::ranges::find_if(others_before, has_key);
+  if (old != others_before.end()) {
+    if (old - others_before.begin() != place) return false;
+    others_before.erase(old);
+  }
+  return others_before == others_after;
+}
+
+// The library reads up to the first zero byte and would drop what is after it, which in a fixed-size file is
+// more of them.
+bool hides_text(const Ini& ini, const std::string& file) {
+  if (ini->length == ini->fileSize) return false;
+  std::ifstream in(file, std::ios::binary);
+  in.seekg(ini->length);
+  for (char c; in.get(c);) {
+    if (c != '\0') return true;
+  }
+  return false;
+}
+
+// A file and a directory that an open for writing makes; taken back if nothing is to be in it.
+class NewFile {
+ public:
+  explicit NewFile(const std::string& file)
+      : file_(file), directory_(std::filesystem::path(file).parent_path()) {
+    std::error_code ignored;
+    is_new_ = !std::filesystem::exists(file_, ignored);
+    has_new_directory_ = !directory_.empty() && !std::filesystem::exists(directory_, ignored);
+  }
+  void take_back() const {
+    std::error_code ignored;
+    if (is_new_) std::filesystem::remove(file_, ignored);
+    if (has_new_directory_) std::filesystem::remove(directory_, ignored);
+  }
+
+ private:
+  std::filesystem::path file_, directory_;
+  bool is_new_, has_new_directory_;
+};
+
+void print_set(const IniOptions& options, const Ini& now, bool fixed, bool written) {
+  if (!options.as_json) return;
+  print_json({{"key", options.key},
+              {"value", options.value},
+              {"text", now->length},
+              {"size", now->fileSize},
+              {"fixed", fixed},
+              {"written", written}});
+}
+
+// Whether the value is there already: then nothing is written.
+bool is_set(const IniOptions& options) {
+  std::error_code ignored;
+  if (!std::filesystem::exists(options.file, ignored)) return false;  // no failure to open, and none traced
+  const Ini ini(QMXUtil_INIOpen(options.file.c_str()));
+  std::string value;
+  if (ini == nullptr || !search(ini, options.key, value) || value != options.value) return false;
+  if (options.fixed_size > ini->fileSize) return false;
+  print_set(options, ini, options.fixed_size != 0, false);
+  return true;
+}
+
+// Changes nothing unless it is the named pair alone that changes, and says so when that did not reach the
+// file.
 void set(const IniOptions& options) {
+  if (is_set(options)) return;
+  const NewFile created(options.file);
   const INIAttr attr = {1, options.fixed_size, options.lock};
-  Ini ini(QMXUtil_INIOpenEx(options.file.c_str(), &attr));
-  if (ini == nullptr) throw CommandError("cannot open '" + options.file + "'");
+  Ini ini = require_open(Ini(QMXUtil_INIOpenEx(options.file.c_str(), &attr)), options.file);
+  const Pairs before = all_pairs(ini);
   std::string read_back;
-  if (QMXUtil_INIWrite(ini.get(), options.key.c_str(), options.value.c_str()) != 1 ||
-      !search(ini, options.key, read_back) || read_back != options.value) {
+  const bool changed = !hides_text(ini, options.file) &&
+                       QMXUtil_INIWrite(ini.get(), options.key.c_str(), options.value.c_str()) == 1 &&
+                       is_only_change(before, all_pairs(ini), options) &&
+                       search(ini, options.key, read_back) && read_back == options.value;
+  if (!changed) {
     ini->modified = 0;  // the close is not to write it
-    throw CommandError("'" + options.key + " = " + options.value + "' could not be read back from '" +
-                       options.file + "': left unchanged");
+    ini.reset();
+    created.take_back();
+    throw CommandError(options.file + ": '" + options.key + " = " + options.value +
+                       "' would not read back, or would change more than this key: left unchanged");
   }
   const std::string text(ini->text, static_cast<size_t>(ini->length));
-  const int32_t committed = ini->fixedMode ? ini->attr.fixedSize : 0;
+  const bool fixed = ini->fixedMode != 0;
   ini.reset();
 
   const Ini now = open_to_read(options.file);
   if (now->text == nullptr || text != now->text) {
-    throw CommandError("the change did not reach '" + options.file + "'");
+    require_file(options.file, O_WRONLY);
+    throw CommandError(options.file + ": the change did not reach the file");
   }
-  if (options.as_json) {
-    print_json({{"key", options.key},
-                {"value", options.value},
-                {"text", now->length},
-                {"size", now->fileSize},
-                {"fixed", committed != 0}});
-  }
+  print_set(options, now, fixed, true);
 }
 
 }  // namespace

@@ -1,75 +1,48 @@
 // qmxutil text: Base64 and hexadecimal both ways, and values out of header and parameter lines.
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
 
 #include "commands.h"
+#include "input.h"
+#include "output.h"
 #include "qmx_memory.h"
 #include "qmxutil_string.h"
 
 namespace {
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 struct FreeBlock {
   void operator()(char* block) const { QMX_Free(block, 0); }
 };
 using NewText = std::unique_ptr<char, FreeBlock>;
 
-struct CloseFile {
-  void operator()(FILE* file) const {
-    if (file != stdin) std::fclose(file);
+// The next bytes, fewer than `count` only at the end.
+std::string read_piece(Input& input, size_t count) {
+  std::string bytes(count, '\0');
+  bytes.resize(input.read(bytes.data(), count));
+  return bytes;
+}
+
+// All characters but white space, which people and mail programs put between.
+std::string read_dense(Input& input) {
+  std::string all;
+  for (std::string more; !(more = read_piece(input, 1 << 20)).empty();) {
+    std::erase_if(more, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
+    all += more;
+    if (all.size() > INT32_MAX) throw CommandError(input.name() + ": too large");
   }
-};
-
-class Input {
- public:
-  explicit Input(const std::string& path)
-      : name_(path == "-" ? "standard input" : path),
-        file_(path == "-" ? stdin : std::fopen(path.c_str(), "rbe")) {
-    if (file_ == nullptr) fail();
-  }
-
-  // The next bytes, fewer than `count` only at the end.
-  std::string read(size_t count) {
-    std::string bytes(count, '\0');
-    bytes.resize(std::fread(bytes.data(), 1, count, file_.get()));
-    if (std::ferror(file_.get())) fail();
-    return bytes;
-  }
-
-  // All characters but white space, which people and mail programs put between.
-  std::string read_dense() {
-    std::string all;
-    for (std::string more; !(more = read(1 << 20)).empty();) {
-      std::erase_if(more, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
-      all += more;
-      if (all.size() > INT32_MAX) throw CommandError(name_ + ": too large");
-    }
-    return all;
-  }
-
-  const std::string& name() const { return name_; }
-
- private:
-  [[noreturn]] void fail() const { throw CommandError(name_ + ": " + std::strerror(errno)); }
-
-  std::string name_;
-  std::unique_ptr<FILE, CloseFile> file_;
-};
+  return all;
+}
 
 void write_out(const void* bytes, size_t count) {
-  if (std::fwrite(bytes, 1, count, stdout) != count) {
-    throw CommandError(std::string("cannot write: ") + std::strerror(errno));
-  }
+  if (std::fwrite(bytes, 1, count, stdout) != count) flush_output();  // which tells why
 }
 
 // Encodes piece by piece; a piece is a whole number of Base64 groups.
@@ -77,7 +50,7 @@ template <class Encode>
 void encode(const std::string& path, Encode encode_piece) {
   constexpr size_t kPiece = 3 << 16;
   Input input(path);
-  for (std::string piece; !(piece = input.read(kPiece)).empty();) {
+  for (std::string piece; !(piece = read_piece(input, kPiece)).empty();) {
     uint32_t length = 0;
     const NewText text(encode_piece(reinterpret_cast<const uint8_t*>(piece.data()),
                                     static_cast<uint32_t>(piece.size()), length));
@@ -115,25 +88,32 @@ void require_one_token(const Input& input, const std::string& text, TokenGetter 
   if (text.size() % multiple != 0) throw CommandError(input.name() + ": " + what + " cut short");
 }
 
+// The library's decoder ends without a word at a ',' and at a '=', which may only be the last one or two.
+void require_whole_base64(const Input& input, const std::string& text) {
+  const size_t data = std::min(text.find_first_of(",="), text.size());
+  const size_t other = text[data] == ',' ? data : text.find_first_not_of('=', data);
+  if (other == text.npos && text.size() - data <= 2) return;
+  throw CommandError(input.name() + ": Base64 ends at character " + std::to_string(data) + ", but \"" +
+                     fitted(text.substr(data), 20) + "\" follows");
+}
+
 void base64_decode(const std::string& path) {
   Input input(path);
-  const std::string text = input.read_dense();
+  const std::string text = read_dense(input);
   require_one_token(input, text, QMXUtilBase64GetString, 4, "Base64");
+  require_whole_base64(input, text);
   std::vector<uint8_t> bytes(text.size());
   uint32_t length = 0;
-  const char* const end =
-      QMXUtilBase64Decoding(text.data(), bytes.data(), static_cast<uint32_t>(text.size()), &length);
-  const size_t read = static_cast<size_t>(end - text.data());
-  if (read != text.size()) {
-    throw CommandError(input.name() + ": Base64 ends at character " + std::to_string(read) +
-                       ", text follows");
+  QMXUtilBase64Decoding(text.data(), bytes.data(), static_cast<uint32_t>(text.size()), &length);
+  if (length != text.size() / 4 * 3 - static_cast<size_t>(std::ranges::count(text, '='))) {
+    throw CommandError(input.name() + ": Base64 that the library does not decode whole");
   }
   write_out(bytes.data(), length);
 }
 
 void hex_decode(const std::string& path) {
   Input input(path);
-  std::string text = input.read_dense();
+  std::string text = read_dense(input);
   require_one_token(input, text, QMXUtilStrGetHexString, 2, "hexadecimal text");
   uint8_t* const bytes = reinterpret_cast<uint8_t*>(text.data());
   write_out(bytes, QMXUtil_ConvStrToBin(text.data(), static_cast<uint32_t>(text.size()), bytes));
@@ -192,7 +172,8 @@ void field(const FieldOptions& options) {
   const Getter& get = field_kinds().at(options.kind);
   size_t line_number = 0;
   bool found = false;
-  for (std::string line; std::getline(std::cin, line);) {
+  Input input("-");
+  for (std::string line; input.read_line(line);) {
     ++line_number;
     const auto value = get(line.c_str(), options.key ? options.key->c_str() : nullptr);
     if (!value) continue;

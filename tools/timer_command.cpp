@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "output.h"
 #include "qmxutil_timer.h"
 
 namespace {
@@ -57,13 +57,12 @@ class Report {
     const double late = static_cast<double>(at - started_ - number * interval_) / 1000;
     const int64_t missed = number - number_ - 1;
     if (as_json_) {
-      const nlohmann::json line = {{"expiry", number}, {"lateUs", late}, {"missed", missed}};
-      std::printf("%s\n", line.dump().c_str());
+      print_json({{"expiry", number}, {"lateUs", late}, {"missed", missed}}, -1);
     } else {
       std::printf("expiry %lld, %.1f us late", static_cast<long long>(number), late);
       std::printf(missed > 0 ? ", %lld missed before it\n" : "\n", static_cast<long long>(missed));
     }
-    std::fflush(stdout);
+    flush_output();
     number_ = number;
     missed_ += missed;
     least_ = count_ == 0 ? late : std::min(least_, late);

@@ -1,4 +1,4 @@
-// qmxutil cpu, tasks, run, which, pid, kill: the running system.
+// qmxutil cpu, tasks: loads, reading after reading.
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -7,13 +7,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "qmxutil_process.h"
+#include "output.h"
 #include "qmxutil_usage.h"
 
 namespace {
@@ -52,7 +50,7 @@ class Display {
     } else {
       show_lines(loads);
     }
-    std::fflush(stdout);
+    flush_output();
   }
 
  private:
@@ -65,8 +63,7 @@ class Display {
                                   {"system", tenths(load.system)},
                                   {"total", tenths(load.total)}});
     }
-    const auto as_text = reading.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-    std::printf("%s\n", as_text.c_str());
+    print_json(reading, -1);
   }
 
   static void show_lines(const std::vector<Load>& loads) {
@@ -79,20 +76,30 @@ class Display {
     }
   }
 
+  // A line never reaches the last column, so that none is broken in two.
+  static void print_line(const std::string& text, const std::string& bar) {
+    const size_t columns = terminal_columns() - 1;
+    std::printf("%s%s\033[K\n", fitted(text, columns).c_str(),
+                columns > text.size() ? bar.substr(0, columns - text.size()).c_str() : "");
+  }
+
   void show_table(const std::vector<Load>& loads) {
-    constexpr int kBarWidth = 40;
+    constexpr size_t kNameWidth = 18, kFixed = 46;
     winsize window = {};
     ioctl(STDOUT_FILENO, TIOCGWINSZ, &window);
     const size_t room = window.ws_row > 2 ? window.ws_row - 2u : loads.size();
+    const size_t width = std::clamp<size_t>(terminal_columns(), kFixed + 1, kFixed + 40) - kFixed;
     if (drawn_ > 0) std::printf("\033[%zuA", drawn_);  // back to the top
-    std::printf("%-18s %7s %7s %7s\033[K\n", "", "user", "system", "total");
+    print_line("                      user  system   total", "");
     drawn_ = 1;
     for (const Load& load : loads) {
       if (drawn_ > room) break;
-      const int busy = std::clamp(static_cast<int>(std::lround(load.total * kBarWidth / 100)), 0, kBarWidth);
-      std::printf("%-18s %6.1f%% %6.1f%% %6.1f%%  %s%s\033[K\n", load.name.c_str(), load.user, load.system,
-                  load.total, std::string(static_cast<size_t>(busy), '#').c_str(),
-                  std::string(static_cast<size_t>(kBarWidth - busy), '.').c_str());
+      char text[80];
+      std::snprintf(text, sizeof text, "%-18s %6.1f%% %6.1f%% %6.1f%%  ",
+                    fitted(load.name, kNameWidth).c_str(), load.user, load.system, load.total);
+      const auto share = std::clamp(load.total / 100, 0.0, 1.0);
+      const auto busy = static_cast<size_t>(std::lround(share * static_cast<double>(width)));
+      print_line(text, std::string(busy, '#') + std::string(width - busy, '.'));
       ++drawn_;
     }
     std::printf("\033[J");
@@ -165,68 +172,6 @@ void run_tasks(const WatchOptions& options) {
   });
 }
 
-struct RunOptions {
-  bool shell = false;
-  bool no_wait = false;
-};
-
-// Ends as the program did: with its exit code, or with 1 when it has none.
-[[noreturn]] void end_as(int result) {
-  std::fflush(stdout);
-  std::exit(result < 0 ? 1 : result & 0xFF);
-}
-
-void run_program(const RunOptions& options, const std::vector<std::string>& words) {
-  if (words.empty()) throw CLI::RequiredError("PROGRAM");
-  if (options.shell) {
-    if (words.size() != 1) throw CLI::ValidationError("--shell", "takes one command line");
-    end_as(QMXUtil_ExecShell(words[0].c_str()));
-  }
-  if (options.no_wait) {
-    if (words.size() > 2) throw CLI::ValidationError("--no-wait", "takes one argument at most");
-    int pid;
-    const char* const arg = words.size() == 2 ? words[1].c_str() : nullptr;
-    if (QMXUtil_ProcessRun(words[0].c_str(), arg, 0, &pid) == 0) throw CommandError("cannot run " + words[0]);
-    std::printf("%d\n", pid);
-    return;
-  }
-  std::string args;
-  for (size_t i = 1; i < words.size(); ++i) {
-    if (words[i].empty() || words[i].find(' ') != std::string::npos) {
-      throw CommandError("an argument that is empty or has a blank cannot be passed on; use --shell");
-    }
-    args.append(i > 1 ? " " : "").append(words[i]);
-  }
-  if (words.size() > 31 || args.size() > 511) {
-    throw CommandError("more than 30 arguments or 511 bytes of them; use --shell");
-  }
-  if (access(words[0].c_str(), X_OK) != 0) throw CommandError(words[0] + ": " + std::strerror(errno));
-  end_as(QMXUtil_ProcessRunEx(words[0].c_str(), args.c_str(), 1));
-}
-
-void run_which(const std::vector<std::string>& names) {
-  bool all = true;
-  for (const std::string& name : names) {
-    const bool found = QMXUtil_ProcessWhich(name.c_str()) != 0;
-    std::printf("%s: %s\n", name.c_str(), found ? "found" : "not found");
-    all = all && found;
-  }
-  if (!all) throw CommandError("not all were found");
-}
-
-void run_pid(const std::string& name) {
-  const int pid = QMXUtil_ProcessPID(name.c_str());
-  if (pid == 0) throw CommandError(name + " is not running");
-  std::printf("%d\n", pid);
-}
-
-void run_kill(const std::string& name, int pid) {
-  if (name.empty() == (pid == 0)) throw CLI::RequiredError("either NAME or --pid");
-  if (QMXUtil_ProcessKill(name.empty() ? nullptr : name.c_str(), pid) == 0) {
-    throw CommandError("no process was asked to end");
-  }
-}
-
 std::shared_ptr<WatchOptions> add_watch_options(CLI::App& command) {
   const auto options = std::make_shared<WatchOptions>();
   command.add_option("--interval", options->interval, "seconds between readings (1)")
@@ -237,7 +182,9 @@ std::shared_ptr<WatchOptions> add_watch_options(CLI::App& command) {
   return options;
 }
 
-void add_monitors(CLI::App& app) {
+}  // namespace
+
+void add_monitor_commands(CLI::App& app) {
   CLI::App* const cpu = app.add_subcommand("cpu", "Show the load of the machine and of each core");
   const auto cpu_options = add_watch_options(*cpu);
   cpu->footer("Example: qmxutil cpu --interval 0.5 --count 10");
@@ -249,39 +196,4 @@ void add_monitors(CLI::App& app) {
   tasks->add_option("NAME", task_options->process, "the process's name")->required();
   tasks->footer("Example: qmxutil tasks recorder --json");
   tasks->callback([task_options] { run_tasks(*task_options); });
-}
-
-}  // namespace
-
-void add_system_commands(CLI::App& app) {
-  add_monitors(app);
-
-  CLI::App* const run = app.add_subcommand("run", "Run a program by its path and end with its exit code");
-  const auto run_options = std::make_shared<RunOptions>();
-  run->add_flag("--shell", run_options->shell, "run one command line with the shell");
-  run->add_flag("--no-wait", run_options->no_wait,
-                "find PROGRAM on the search path, start it with one argument at most, print its process id");
-  run->prefix_command();
-  run->footer(
-      "Then PROGRAM and its arguments; a \"--\" may stand in front.\nExample: qmxutil run /bin/ls -l /tmp");
-  run->callback([run, run_options] { run_program(*run_options, run->remaining()); });
-
-  CLI::App* const which = app.add_subcommand("which", "Tell whether commands exist");
-  const auto commands = std::make_shared<std::vector<std::string>>();
-  which->add_option("NAME", *commands, "the commands")->required();
-  which->footer("Example: qmxutil which ffmpeg find");
-  which->callback([commands] { run_which(*commands); });
-
-  CLI::App* const pid = app.add_subcommand("pid", "Print the process id of a running program");
-  const auto wanted = std::make_shared<std::string>();
-  pid->add_option("NAME", *wanted, "the program's name")->required();
-  pid->footer("Example: qmxutil pid recorder");
-  pid->callback([wanted] { run_pid(*wanted); });
-
-  CLI::App* const kill = app.add_subcommand("kill", "Ask a process to end (SIGTERM)");
-  const auto target = std::make_shared<std::pair<std::string, int>>();
-  kill->add_option("NAME", target->first, "the program's name");
-  kill->add_option("--pid", target->second, "its process id instead")->check(CLI::PositiveNumber);
-  kill->footer("Example: qmxutil kill recorder");
-  kill->callback([target] { run_kill(target->first, target->second); });
 }

@@ -1,0 +1,15 @@
+// Files that hold streams: what they are, and how ffmpeg takes the streams out.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "stream_kind.h"
+
+// kUnknown for what is no container.
+StreamKind container_kind(std::span<const uint8_t> head);
+
+// A command line for each stream, one of video and one of audio at most, that is named in the file and that
+// the library knows.
+std::vector<std::string> ffmpeg_lines(StreamKind kind, Window& window);
