@@ -9,32 +9,14 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "basecheck_test: $*" >&2; exit 1; }
 
-while read -r fault group verdict promise; do
+grep -oP '(?<=is\(")[^"]+' "$data/../support/deviating_base.cpp" | sort -u >"$work/faults"
+while read -r group promise; do
   code=0
-  QMX_DEVIATION=$fault "$command" basecheck "$work" --group "$group" --limit 2 \
+  QMX_DEVIATION="$group $promise" "$command" basecheck "$work" --group "$group" --limit 2 \
     --media "$data/timed-metadata.mov" >"$work/out" 2>&1 || code=$?
-  [ "$code" = "$(grep -cm1 'DIFFERS$' "$work/out")" ] || fail "$fault ends with $code"
-  grep -qE "^$group +$promise.* $verdict" "$work/out" || fail "$fault is not named: $(cat "$work/out")"
-done <<'END'
-small_array memory not an array too large
-dirty_array memory DIFFERS QMX_Calloc clears
-node_passed_over list DIFFERS nodes are walked
-head_deleted list not any node
-not_terminated format DIFFERS a text is cut
-cut_length format not the result
-sleep_cut sleep DIFFERS signals
-slept_in_seconds sleep DIFFERS QMX_ThreadSleep
-read_creates file DIFFERS READ:
-create_empties file DIFFERS CREATE: written after
-end_kept file DIFFERS REPLACE: what is written
-written_late file not a write is in the file when
-seek_from_end file DIFFERS positions
-short_read_fails file DIFFERS READ:
-zeros_at_end bits not missing bits
-25_bits_shown bits DIFFERS Exp-Golomb
-string_terminated bytes DIFFERS nothing outside the buffer
-shifted_layout reader DIFFERS the recording
-END
+  [ "$code" = "$(grep -cm1 'DIFFERS$' "$work/out")" ] || fail "exit code $code: $(cat "$work/out")"
+  grep -qE "^$group +$promise.* (DIFFERS|not relied on)$" "$work/out" || fail "$promise: $(cat "$work/out")"
+done <"$work/faults"
 
 cd "$work"
 while IFS='|' read -r filter messages; do

@@ -154,7 +154,7 @@ const Check kChecks[] = {
      null_text},
     {"trace", "a text of any length does not crash it", true, "messages about long paths end the process",
      long_text},
-    {"trace", "it can be called from a signal handler", true, "a late timer signal stops the process",
+    {"trace", "it can be called from a signal handler", true, "a stray timer signal stops the process",
      trace_in_handler},
     {"trace", "errno is as it was", false, "callers of libqmxutil find errno changed", errno_after_trace},
     {"trace", "a message on standard error is one write", false, "messages of different threads mix",
