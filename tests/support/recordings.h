@@ -66,16 +66,16 @@ struct Mp4 {
     const auto header = [&](const char* type, uint32_t value, uint64_t time) {
       return full_box(type, is_wide << 24, wide(0) + wide(0) + be(value, 4) + wide(time));
     };
-    const auto trak = [&](uint32_t id, const std::string& handler) {
+    const auto trak = [&](uint32_t id, const std::string& handler, const std::string& tables) {
       const std::string edits = be(elst.size() / (is_wide ? 20 : 12), 4) + elst;
       return box("trak", header("tkhd", id, 0) + box("edts", full_box("elst", is_wide << 24, edits)) +
                              box("mdia", header("mdhd", timescale, 0) +
                                              full_box("hdlr", 0, be(0, 4) + handler + be(0, 13)) +
-                                             box("minf", box("stbl", stbl))));
+                                             box("minf", box("stbl", tables))));
     };
+    const std::string traks = chunks.empty() ? "" : trak(2, "meta", stbl) + trak(3, "meta", "");
     return {be(1, 4) + "mdat" + be(16 + hole + data.size(), 8), hole,
-            data + box("moov", header("mvhd", 1000, duration) + trak(1, "vide") +
-                                   (chunks.empty() ? "" : trak(2, "meta")) + boxes)};
+            data + box("moov", header("mvhd", 1000, duration) + trak(1, "vide", "") + traks + boxes)};
   }
 };
 
