@@ -37,4 +37,4 @@ recording mov 90000*N+183603 1/90000 late.mov -movflags faststart
 recording mov N 1/1 fragments.mov -g 5 -movflags frag_keyframe+empty_moov
 recording mov 90000*N+183603 1/90000 fragments-late.mov -g 10 -movflags frag_keyframe+delay_moov+default_base_moof
 recording mov N 1/1 fragments-after-moov.mov -g 12 -movflags frag_keyframe+omit_tfhd_offset
-{ recording mov N 1/1 - -g 5 -movflags frag_keyframe+empty_moov || true; } 2>/dev/null | cut_off cut-off.mov 5000
+{ recording mov N 1/1 - -g 5 -movflags frag_keyframe+empty_moov || true; } 2>/dev/null | cut_off cut-off.mov 5400
