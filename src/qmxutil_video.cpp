@@ -14,7 +14,7 @@
 #include "internal/first_frame.h"
 #include "internal/frame_buffer.h"
 #include "internal/handles.h"
-#include "internal/simd/emulation_prevention.h"
+#include "internal/simd/find_bytes.h"
 #include "internal/start_code.h"
 #include "internal/trace.h"
 #include "qmxutil_string.h"
@@ -183,11 +183,19 @@ int UtilSetH264Info(uint8_t*, uint32_t, const VideoInfo*, const H264ProfileInfo*
 
 // ---- Emulation prevention (ISO/IEC 14496-10, 7.4.1; ISO/IEC 23008-2, 7.4.2)
 
+namespace {
+
+constexpr uint8_t kEmulationPrevention[] = {0, 0, 3};
+
+}  // namespace
+
 void QMXUtil_H26xRemoveEPB(uint8_t* data, uint32_t* length) {
   const size_t end = *length;
   size_t read = 0, written = 0;
   while (read < end) {
-    const size_t kept = move_to_emulation_prevention(data, written, read, end);
+    const size_t found = find_bytes(data, read, end, kEmulationPrevention, sizeof kEmulationPrevention);
+    const size_t kept = (found < end ? found + 2 : end) - read;  // through the two zeros
+    std::memmove(data + written, data + read, kept);
     written += kept;
     read += kept + 1;
     while (read + 1 < end && data[read] == 0 && data[read + 1] == 3) {  // the byte removed counts as a zero
