@@ -62,7 +62,10 @@ void QMX_Trace(const char* module, int level, const char* file, int line, const 
   if (length < (int)sizeof text)
     length += vsnprintf(text + length, sizeof text - (size_t)length, format, args);
   va_end(args);
-  if (length >= (int)sizeof text) length = (int)sizeof text - 1;
+  if (length >= (int)sizeof text) {  // cut, and a line all the same
+    length = (int)sizeof text - 1;
+    text[length - 1] = '\n';
+  }
   const ssize_t ignored = write(STDERR_FILENO, text, (size_t)length);
   (void)ignored;
   errno = saved_errno;
