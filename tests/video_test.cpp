@@ -286,7 +286,7 @@ TEST_F(VideoTest, WhatWasParsedIsTracedAndThatThereIsNothing) {
   const H265ParamSetInfo before = info;
   uint32_t length = 7;
   UtilConvH265InfoFromStartCode(nullptr, 9, &info);
-  UtilConvH265InfoFromStartCode(stream.data(), -1, &info);
+  for (const int32_t no_bytes : {0, -1}) UtilConvH265InfoFromStartCode(stream.data(), no_bytes, &info);
   UtilConvH264InfoFromStartCode(nullptr, 9, nullptr, &length, nullptr);
   UtilConvH264InfoFromStartCode(stream.data(), 0, nullptr, &length, nullptr);
   EXPECT_TRUE(equal(info, before) && length == 7);
@@ -301,7 +301,7 @@ TEST_F(VideoTest, WhatWasParsedIsTracedAndThatThereIsNothing) {
   EXPECT_EQ(text, "\n--- SPS PARSED " + dashes.substr(14) +
                       "\nprofile_space 0, tier_flag 0, profile_idc 1, level_idc 93\n" + flags +
                       "\nsps_id 0, chroma_format 1, width 1920, height 1080\n" + dashes + "\nH265" + none +
-                      "H265" + none + "H264" + none + "H264" + none);
+                      "H265" + none + "H265" + none + "H264" + none + "H264" + none);
 }
 
 // ---- Configuration records and samples
