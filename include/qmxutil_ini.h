@@ -87,8 +87,8 @@ QMX_API INIHandle* QMXUtil_INIOpenEx(const char* path, const INIAttr* attr);
  * @param[out] value   room for the longest value and its terminator; null is an invalid argument
  * @param[out] isPair  1 when the line was a pair, and `key` and `value` are written; else 0. Must not be null
  * @retval 1  a line was read
- * @retval 0  the text is at its end; `isPair` is 0 or as it was
- * @retval 0  an argument is invalid; nothing is written
+ * @retval 0  the text is at its end (`isPair` is 0 or as it was), or an argument is invalid (nothing is
+ *            written)
  */
 QMX_API int QMXUtil_INIParseLine(INIHandle* handle, char* key, char* value, uint8_t* isPair);
 
@@ -132,9 +132,8 @@ QMX_API int QMXUtil_INISearch(INIHandle* handle, const char* key, char* value);
  * @param key     the key, not empty; null is a failure
  * @param value   the value, taken as it is, may be empty; null is a failure
  * @retval 1  the text holds the pair
- * @retval 0  an argument is null, the handle is not writable, or the key is empty
- * @retval 0  the matching line has no '='
- * @retval 0  memory is short
+ * @retval 0  an argument is null, the handle is not writable, the key is empty, the matching line has no
+ *            '=', or memory is short
  */
 QMX_API int QMXUtil_INIWrite(INIHandle* handle, const char* key, const char* value);
 

@@ -189,8 +189,8 @@ QMX_API uint8_t UtilGetSPSPPSInfo(const uint8_t* sps, uint32_t length, VideoInfo
  * @param info     not used; may be null
  * @param profile  where `profile`, `compatibility`, `level` and `nalLengthSize` go; may be null
  * @retval 1  the first parameter set is an SPS; the values are the SPS's own
- * @retval 0  it is not: `profile`, `level` and `nalLengthSize` are from the record's header
- * @retval 0  the base library has no bit reader to give: nothing is written
+ * @retval 0  it is not (`profile`, `level` and `nalLengthSize` are from the record's header), or the base
+ *            library has no bit reader to give (nothing is written)
  */
 QMX_API uint8_t QMXUtil_GetH264Info(const uint8_t* config, uint32_t length, VideoInfo* info,
                                     H264ProfileInfo* profile);
@@ -391,8 +391,8 @@ QMX_API uint8_t UtilGetMPEG12Info(const uint8_t* data, uint32_t length, VideoInf
  * @param info    where `width` and `height` go; may be null
  * @param vol     the layer; may be null
  * @retval 1  read to its end
- * @retval 0  refused: what was read before that is stored
- * @retval 0  the base library has no bit reader to give: nothing is written
+ * @retval 0  refused (what was read before that is stored), or the base library has no bit reader to give
+ *            (nothing is written)
  */
 QMX_API uint8_t UtilGetMPEG4Info(const uint8_t* data, uint32_t length, VideoInfo* info, MPEG4VolInfo* vol);
 
