@@ -25,8 +25,7 @@ void* array(int count, int size) { return QMX_Calloc(count, size, 0, __FILE_NAME
 
 // Used before it is given back: the next one may be the same.
 void expect_zeros(uint8_t* bytes, size_t size) {
-  const uint8_t* const dirty = std::find_if(bytes, bytes + size, [](uint8_t byte) { return byte != 0; });
-  expect(dirty == bytes + size, "byte %zd of %zu is 0x%02X", dirty - bytes, size, *dirty);
+  for (size_t i = 0; i < size; ++i) expect(bytes[i] == 0, "byte %zu of %zu is 0x%02X", i, size, bytes[i]);
   std::memset(bytes, 0xA5, size);
   QMX_Free(bytes, 0);
 }
