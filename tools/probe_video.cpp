@@ -167,14 +167,15 @@ void report_hvcc(Report& report, View record) {
 void report_vops(Report& report, Window& window, uint32_t time_increment_bits) {
   constexpr size_t kReach = 160;  // more than VopCheckCoded() ever reads
   uint64_t coded = 0, skipped = 0;
-  each_unit(window, kReach, [&](const StartCodeUnit& unit) {
+  const auto look = [&](const StartCodeUnit& unit) {
     constexpr uint8_t kVopCode = 0xB6;
-    if (unit.bytes[0] != kVopCode) return true;
+    if (unit.bytes[0] != kVopCode) return;
     std::array<uint8_t, kReach> start = {0, 0, 1};
     std::copy_n(unit.bytes.begin(), std::min(unit.bytes.size(), start.size() - 3), start.begin() + 3);
     VopCheckCoded(start.data(), time_increment_bits) ? ++coded : ++skipped;
-    return true;
-  });
+  };
+  while (look_at_units(window, kReach, look)) {
+  }
   if (coded + skipped == 0) return;  // a configuration alone
   report.values["codedPictures"] = coded;
   report.values["skippedPictures"] = skipped;

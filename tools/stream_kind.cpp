@@ -78,9 +78,7 @@ Stream find_parameter_sets(Window& window) {
   const auto has_all = [&](std::initializer_list<int> types) {
     return std::ranges::all_of(types, [&](int type) { return seen >> type & 1; });
   };
-  const uint64_t first_view = window.offset();
-  each_unit(window, kLongestSet, [&](const StartCodeUnit& unit) {
-    if (window.offset() > first_view && (has_all({7, 8}) || has_all({32, 33, 34}))) return false;
+  const auto look = [&](const StartCodeUnit& unit) {
     if (is_h264_set(unit)) {
       h264.add(unit);
       seen |= uint64_t{1} << h264_type(unit);
@@ -89,8 +87,9 @@ Stream find_parameter_sets(Window& window) {
       h265.add(unit);
       seen |= uint64_t{1} << h265_type(unit);
     }
-    return true;
-  });
+  };
+  while (look_at_units(window, kLongestSet, look) && !has_all({7, 8}) && !has_all({32, 33, 34})) {
+  }
   if (has_h265_parameter_sets(h265.stream())) return {StreamKind::kH265, h265.stream_and_zero()};
   if (has_all({7})) return {StreamKind::kH264, h264.stream_and_zero()};
   return {};

@@ -40,20 +40,16 @@ std::vector<StartCodeUnit> start_code_units(std::span<const uint8_t> bytes) {
   return units;
 }
 
-void each_unit(Window& window, size_t longest, const std::function<bool(const StartCodeUnit&)>& look) {
-  for (bool last = false; !last;) {
-    const auto view = window.view();
-    last = window.reaches_end();
-    const size_t shown = last ? view.size() : view.size() - longest;
-    UnitReader reader(view);
-    for (StartCodeUnit unit; reader.next(unit);) {
-      if (unit.bytes.data() - 3 >= view.data() + shown) break;
-      if (!look(unit)) return;
-    }
-    if (last) return;
-    window.advance(shown);
-    window.fill();
-  }
+bool look_at_units(Window& window, size_t longest, const std::function<void(const StartCodeUnit&)>& look) {
+  const auto view = window.view();
+  const bool last = window.reaches_end();
+  const size_t shown = last ? view.size() : view.size() - longest;
+  UnitReader reader(view);
+  for (StartCodeUnit unit; reader.next(unit) && unit.bytes.data() - 3 < view.data() + shown;) look(unit);
+  if (last) return false;
+  window.advance(shown);
+  window.fill();
+  return true;
 }
 
 std::vector<uint8_t> byte_stream(const std::vector<StartCodeUnit>& units) {

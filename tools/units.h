@@ -37,9 +37,9 @@ class UnitReader {
 
 std::vector<StartCodeUnit> start_code_units(std::span<const uint8_t> bytes);
 
-// Shows each unit of the input to `look` until that returns false. A unit of more than `longest` bytes may be
-// shown cut.
-void each_unit(Window& window, size_t longest, const std::function<bool(const StartCodeUnit&)>& look);
+// Shows the units in view to `look`, one of more than `longest` bytes perhaps cut, and moves the window on.
+// False when these were the last.
+bool look_at_units(Window& window, size_t longest, const std::function<void(const StartCodeUnit&)>& look);
 
 // Units one after another, each after a four-byte start code: the form that the library's readers of
 // parameter sets and its conversions take.
