@@ -81,8 +81,17 @@ TEST_F(SimdTest, Searches) {
     if (from < size)
       EXPECT_SAME(bytes, 0, find_pair_or_line_end, in, from, size - 1, wanted[0], wanted[1], gap);
   };
-  for (int round = 0; round < 12; ++round) everywhere(0, kThreeBlocks, check);
+  for (int round = 0; round < 4; ++round) everywhere(0, kThreeBlocks, check);
   everywhere(kManyZeros, kManyZeros + 100, check);
+
+  const uint8_t prefix[] = {0, 0, 1};
+  for (size_t size = 3; size < kThreeBlocks; ++size) {  // wherever it begins
+    for (size_t at = 0; at + 3 <= size; ++at) {
+      const uint8_t* const data = in_.put(string(size, 2).replace(at, 3, "\0\0\1", 3), 1);
+      ASSERT_EQ(find_start_code_prefix(data, 0, size), at) << size;
+      ASSERT_EQ(find_bytes(data, 0, size, prefix, 3), at) << size;
+    }
+  }
 }
 
 TEST_F(SimdTest, Conversions) {
