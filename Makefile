@@ -1,9 +1,11 @@
 # `make demo` and `make test` are all that a newcomer needs; each installs what is missing, builds, and runs.
 .PHONY: demo test bench bench-arm64 bench-arm64-check bench-arm64-accept fuzz coverage valgrind docs package \
-  clean
+  mutate clean
 
 SECONDS_EACH ?= 60
 BENCH_FILTER ?= .
+FAULTS ?= 200
+SEED ?= 1
 PACKAGE_PRESET ?= package
 
 # $(call build,preset[,target])
@@ -46,6 +48,10 @@ valgrind:
 	@scripts/install-packages.sh build check
 	$(call build,release)
 	@scripts/valgrind.sh build/release
+
+mutate:
+	@scripts/install-packages.sh build
+	@scripts/mutate.py --count $(FAULTS) --seed $(SEED) $(FILES)
 
 docs:
 	@scripts/install-packages.sh docs
