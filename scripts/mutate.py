@@ -155,9 +155,11 @@ class Build:
         try:
             return tests.wait(limit) == 0
         except subprocess.TimeoutExpired:
-            os.killpg(tests.pid, signal.SIGKILL)  # unshare goes, and with it all that has its process numbers
-            tests.wait()
             return False
+        finally:
+            if tests.poll() is None:
+                os.killpg(tests.pid, signal.SIGKILL)  # the first of the process numbers goes, and all others with it
+                tests.wait()
 
     def noticed_by(self, file):
         """The first program that notices, or None. What is not linked yet is linked as it is needed."""
