@@ -83,15 +83,10 @@ void array_of_nothing() {
   }
 }
 
-// What is given is whole: its last byte can be written.
+// What is given is whole: its last byte can be written. Not given back: a sanitizer would mark all of it.
 void largest_block() {
-  for (const uint32_t less : {0u, 15u, 4096u}) {
-    const uint32_t size = UINT32_MAX - less;
-    void* const made = QMX_Malloc(size, 0, QMX_FILL_NONE, __FILE_NAME__, __LINE__, __func__);
-    if (made == nullptr) continue;
-    static_cast<volatile uint8_t*>(made)[size - 1] = 1;
-    QMX_Free(made, 0);
-  }
+  void* const made = QMX_Malloc(UINT32_MAX, 0, QMX_FILL_NONE, __FILE_NAME__, __LINE__, __func__);
+  if (made != nullptr) static_cast<volatile uint8_t*>(made)[UINT32_MAX - 1] = 1;
 }
 
 void arrays_that_cannot_be() {
