@@ -4,7 +4,7 @@
 
 SECONDS_EACH ?= 60
 BENCH_FILTER ?= .
-FAULTS ?= 200
+COUNT ?= 200
 SEED ?= 1
 PACKAGE_PRESET ?= package
 
@@ -51,7 +51,7 @@ valgrind:
 
 mutate:
 	@scripts/install-packages.sh build
-	@scripts/mutate.py --count $(FAULTS) --seed $(SEED) $(FILES)
+	@scripts/mutate.py --count $(COUNT) --seed $(SEED) $(FILES)
 
 docs:
 	@scripts/install-packages.sh docs
