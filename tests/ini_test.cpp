@@ -14,6 +14,7 @@
 #include <fstream>
 #include <optional>
 #include <random>
+#include <thread>
 
 #include "qmxutil_ini.h"
 #include "recording_base.h"
@@ -29,8 +30,8 @@ namespace {
 using Flock = std::tuple<int, string, string>;  // operation, base library call before it, the file's content
 std::vector<Flock> flocks;
 int flock_interruptions = 0;
-std::vector<size_t> portions;  // what reads deliver, one after the other; SIZE_MAX: a failure
-int calls_to_go = 0;           // of those below, until the process ends before one
+std::vector<size_t> portions;      // what reads deliver, one after the other; SIZE_MAX: a failure
+thread_local int calls_to_go = 0;  // of those below, until the process ends before one
 
 // The C library's function.
 template <class F>
@@ -374,6 +375,26 @@ string text_of(size_t value_length) { return "a = 1\nb = " + string(value_length
 string padded(const string& text) { return text + string(4096 - text.size(), '\0'); }
 
 // What was there stays as it was; a new file holds the text without padding, or nothing.
+TEST_F(IniTest, CommitsOfAProcessGoOneAfterTheOther) {
+  constexpr size_t kFiles = 100;
+  std::vector<INIHandle*> handles;
+  for (size_t i = 0; i < kFiles; ++i) handles.push_back(changed("a = 1\n", 0, 20));
+  recording().clear_calls();
+  std::vector<std::thread> threads;
+  for (size_t first : {0, 1, 2, 3}) {
+    threads.emplace_back([&, first] {
+      for (size_t i = first; i < kFiles; i += 4) QMXUtil_INIClose(handles[i]);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Texts order;
+  for (const string& call : recording().calls_of("File")) order.push_back(call.substr(0, 7));
+  Texts expected;
+  for (size_t i = 0; i < kFiles; ++i)
+    expected.insert(expected.end(), {"FileOpe", "FileWri", "FileSyn", "FileClo"});
+  EXPECT_EQ(order, expected);
+}
+
 TEST_F(IniTest, ALimitOnTheSizeOfFilesLosesNothing) {
   const string old = text_of(2000), old_fixed = padded(old);
   const std::tuple<string, int, size_t, string> rows[] = {{old, 0, 9000, old},
