@@ -18,11 +18,12 @@ while read -r group promise; do
   grep -qE "^$group +$promise.* (DIFFERS|not relied on)$" "$work/out" || fail "$promise: $(cat "$work/out")"
 done <"$work/faults"
 
+cp "$data/clips/h265-main.hvcc" "$work"
 cd "$work"
 while IFS='|' read -r filter messages; do
   export QMX_DEVIATION=none QMX_TRACE=$filter
   rm -f file.ini
-  for words in "userdata missing" "ini set file.ini key value" "probe $data/clips/h265-main.hvcc"; do
+  for words in "userdata missing" "ini set file.ini key value" "probe h265-main.hvcc"; do
     # shellcheck disable=SC2086
     "$command" $words 2>&1 >/dev/null | grep -oE '^[a-z_]+:[1-3] ' || true
   done | sort -u >shown

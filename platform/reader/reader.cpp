@@ -80,7 +80,7 @@ uint32_t to_32_bits(uint64_t value) { return static_cast<uint32_t>(std::min<uint
 
 }  // namespace qmxbase
 
-using namespace qmxbase;  // NOLINT: the functions below are this namespace's face
+using namespace qmxbase;  // the functions below are its face
 
 struct QMXReader {
   Source source;

@@ -235,7 +235,7 @@ GuardedBytes::~GuardedBytes() { munmap(map_, map_size_); }
 
 }  // namespace qmxtest
 
-using namespace qmxtest;  // NOLINT: the definitions below are the recording base library itself
+using namespace qmxtest;  // the definitions below are the recording base library itself
 
 void QMX_Trace(const char* module, int level, const char* sourceFile, int, const char* function,
                const char* text, ...) {
