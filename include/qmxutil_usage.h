@@ -13,7 +13,6 @@
 #ifndef QMXUTIL_USAGE_H
 #define QMXUTIL_USAGE_H
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include "qmxutil_export.h"
@@ -229,24 +228,5 @@ QMX_API int QMXUTIL_UsageMemPrint(uint8_t toStdout);
 
 /** Takes back one open; the last one closes the report file and forgets all items. */
 QMX_API void QMXUTIL_UsageMemClose(void);
-
-#ifdef __cplusplus
-#define QMX_USAGE_ASSERT(condition) static_assert(condition, #condition)
-#else
-#define QMX_USAGE_ASSERT(condition) _Static_assert(condition, #condition)
-#endif
-QMX_USAGE_ASSERT(sizeof(UsageCpuSample) == 40);
-QMX_USAGE_ASSERT(sizeof(UsageCpuHandle) == 728);
-QMX_USAGE_ASSERT(offsetof(UsageCpuHandle, prevCore) == 8);
-QMX_USAGE_ASSERT(offsetof(UsageCpuHandle, prevAll) == 648);
-QMX_USAGE_ASSERT(sizeof(UsageCpuLoad) == 20);
-QMX_USAGE_ASSERT(sizeof(UsageCpuLoadMulti) == 184);
-QMX_USAGE_ASSERT(sizeof(UsageTaskEntry) == 92);
-QMX_USAGE_ASSERT(sizeof(UsageTaskHandle) == 9296);
-QMX_USAGE_ASSERT(offsetof(UsageTaskHandle, count) == 68);
-QMX_USAGE_ASSERT(offsetof(UsageTaskHandle, sumPrevUser) == 9272);
-QMX_USAGE_ASSERT(sizeof(UsageTaskLoad) == 44);
-QMX_USAGE_ASSERT(sizeof(UsageTaskLoadList) == 4404);
-#undef QMX_USAGE_ASSERT
 
 #endif

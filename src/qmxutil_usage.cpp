@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,19 @@
 #include "qmx_list.h"
 
 using namespace qmxutil;
+
+static_assert(sizeof(UsageCpuSample) == 40);
+static_assert(sizeof(UsageCpuHandle) == 728);
+static_assert(offsetof(UsageCpuHandle, prevCore) == 8);
+static_assert(offsetof(UsageCpuHandle, prevAll) == 648);
+static_assert(sizeof(UsageCpuLoad) == 20);
+static_assert(sizeof(UsageCpuLoadMulti) == 184);
+static_assert(sizeof(UsageTaskEntry) == 92);
+static_assert(sizeof(UsageTaskHandle) == 9296);
+static_assert(offsetof(UsageTaskHandle, count) == 68);
+static_assert(offsetof(UsageTaskHandle, sumPrevUser) == 9272);
+static_assert(sizeof(UsageTaskLoad) == 44);
+static_assert(sizeof(UsageTaskLoadList) == 4404);
 
 namespace {
 
