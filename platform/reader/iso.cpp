@@ -406,6 +406,7 @@ bool IsoTrack::open(Source& in, QMXReaderInfo& info) {
     found = true;
   }
   if (found) {
+    fragments.room -= std::min<uint64_t>(fragments.room, table.samples_left);
     IsoTrack counting = *this;
     uint64_t count = table.samples_left;
     counting.table.samples_left = 0;
