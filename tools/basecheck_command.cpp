@@ -16,13 +16,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 #include <vector>
 
 #include "basecheck.h"
 #include "commands.h"
+#include "output.h"
 
 // ---- What the checks share
 
@@ -98,7 +98,6 @@ int open_descriptors() {
 namespace {
 
 using basecheck::Check;
-using nlohmann::json;
 using std::chrono::steady_clock;
 
 struct Options {
@@ -213,8 +212,8 @@ void print_line(const Result& result) {
   std::fflush(stdout);
 }
 
-json as_json(const Result& result) {
-  json line = {{"group", result.check->group},
+Json as_json(const Result& result) {
+  Json line = {{"group", result.check->group},
                {"promise", result.check->promise},
                {"holds", result.holds},
                {"reliedOn", result.check->relied_on}};
@@ -233,7 +232,7 @@ void check_base_library(const Options& options) {
     groups.push_back(reader_checks());
   }
   if (!options.as_json) std::printf("base library: %s\n\n", base_library().c_str());
-  json lines = json::array();
+  Json lines = Json::array();
   int hold = 0, differ = 0, others = 0;
   for (const auto& group : groups) {
     for (const Check& check : group) {
@@ -245,8 +244,7 @@ void check_base_library(const Options& options) {
     }
   }
   if (options.as_json) {
-    const json document = {{"library", base_library()}, {"checks", lines}};
-    std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+    print_json({{"library", base_library()}, {"checks", lines}});
   } else {
     if (options.media.empty()) std::printf("%-7s not checked: name a recording with --media\n", "reader");
     std::printf("\n%d hold, %d differ, %d differ that are not relied on\n", hold, differ, others);
@@ -257,20 +255,19 @@ void check_base_library(const Options& options) {
 
 }  // namespace
 
-void add_basecheck_command(CLI::App& app) {
+void add_basecheck_command(const Command& app) {
   const auto options = std::make_shared<Options>();
-  CLI::App* const command =
-      app.add_subcommand("basecheck", "Hold the base library of this device to its contract");
-  command->add_option("DIR", options->folder, "folder for the files of the checks")->capture_default_str();
-  command->add_option("--media", options->media, "a recording with user data, for the media file reader")
-      ->check(CLI::ExistingFile);
-  command->add_option("--group", options->group, "only the checks of this group, the first word of a line");
-  command->add_option("--limit", options->seconds, "seconds after which a check has hung")
-      ->check(CLI::Range(1, 3600))
-      ->capture_default_str();
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer(
+  const Command command = app.add("basecheck", "Hold the base library of this device to its contract");
+  command.option("DIR", options->folder, "folder for the files of the checks").shows_default();
+  command.option("--media", options->media, "a recording with user data, for the media file reader")
+      .existing_file();
+  command.option("--group", options->group, "only the checks of this group, the first word of a line");
+  command.option("--limit", options->seconds, "seconds after which a check has hung")
+      .between(1, 3600)
+      .shows_default();
+  command.option("--json", options->as_json, "print JSON");
+  command.footer(
       "Each check runs in a process of its own. Exit code 1: something differs that libqmxutil relies on.\n"
       "Example: qmxutil basecheck /data --media /data/trip.mp4");
-  command->callback([options] { check_base_library(*options); });
+  command.runs([options] { check_base_library(*options); });
 }

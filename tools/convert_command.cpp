@@ -127,22 +127,22 @@ void run_convert(const ConvertOptions& options) {
 
 }  // namespace
 
-void add_convert_command(CLI::App& app) {
+void add_convert_command(const Command& app) {
   const auto options = std::make_shared<ConvertOptions>();
-  CLI::App* const command = app.add_subcommand(
-      "convert", "Convert H.264 and H.265 configuration and samples between their framings");
+  const Command command =
+      app.add("convert", "Convert H.264 and H.265 configuration and samples between their framings");
   command
-      ->add_option(
+      .option(
           "--to", options->to,
           "annexb: start codes, from an avcC or hvcC record or from samples; avcc: a record, from a stream's "
           "parameter sets; hvcc-arrays: H.265 parameter sets after two-byte lengths, as hvcC arrays hold "
           "them; lengths: samples, from start codes")
-      ->required()
-      ->check(CLI::IsMember({"annexb", "avcc", "hvcc-arrays", "lengths"}));
-  command->add_option("--from", options->from, "what IN is, for --to annexb; otherwise it is looked at")
-      ->check(CLI::IsMember({"avcc", "hvcc", "hvcc-arrays", "lengths"}));
-  command->add_option("IN", options->in, "the file to read; - for standard input")->required();
-  command->add_option("OUT", options->out, "the file to write; - for standard output")->required();
-  command->footer("Example: qmxutil convert --to annexb clip.avcc clip.264");
-  command->callback([options] { run_convert(*options); });
+      .required()
+      .one_of({"annexb", "avcc", "hvcc-arrays", "lengths"});
+  command.option("--from", options->from, "what IN is, for --to annexb; otherwise it is looked at")
+      .one_of({"avcc", "hvcc", "hvcc-arrays", "lengths"});
+  command.option("IN", options->in, "the file to read; - for standard input").required();
+  command.option("OUT", options->out, "the file to write; - for standard output").required();
+  command.footer("Example: qmxutil convert --to annexb clip.avcc clip.264");
+  command.runs([options] { run_convert(*options); });
 }

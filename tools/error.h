@@ -11,6 +11,11 @@ struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The command line is wrong in a way that only the subcommand sees; the exit code is 2.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 // Throws "NAME: what errno says".
 [[noreturn]] void fail_as_system_said(const std::string& name);
 

@@ -195,18 +195,14 @@ Totals print_table(const Input& input, bool h265) {
   return totals;
 }
 
-std::string dumped(const nlohmann::ordered_json& value) {
-  return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-}
-
 Totals print_as_json(const Input& input, bool h265) {
   std::printf("{\n  \"file\": %s,\n  \"codec\": \"%s\",\n  \"bytes\": %" PRIu64 ",\n  \"frames\": [",
-              dumped(input.name()).c_str(), h265 ? "h265" : "h264", input.size());
+              Json(input.name()).in_one_line().c_str(), h265 ? "h265" : "h264", input.size());
   Totals totals;
   read_units(input, h265, [&](const Unit& unit) {
-    const nlohmann::ordered_json row = {
+    const Json row = {
         {"offset", unit.offset}, {"bytes", unit.length}, {"pictures", unit.pictures}, {"units", unit.types}};
-    std::printf("%s\n    %s", totals.units > 0 ? "," : "", dumped(row).c_str());
+    std::printf("%s\n    %s", totals.units > 0 ? "," : "", row.in_one_line().c_str());
     totals.add(unit);
   });
   std::printf("\n  ],\n  \"unitCount\": %" PRIu64 ",\n  \"pictures\": %" PRIu64 "\n}\n", totals.units,
@@ -245,18 +241,18 @@ void run_frames(const FramesOptions& options) {
 
 }  // namespace
 
-void add_frames_command(CLI::App& app) {
+void add_frames_command(const Command& app) {
   const auto options = std::make_shared<FramesOptions>();
-  CLI::App* const command = app.add_subcommand(
+  const Command command = app.add(
       "frames", "Cut an H.264 or H.265 byte stream into the units that the library's frame readers give");
-  command->add_option("FILE", options->file, "the stream, with start codes; - for a file as standard input")
-      ->required();
-  command->add_option("--codec", options->codec, "what the stream is, when it carries no parameter sets")
-      ->check(CLI::IsMember({"h264", "h265"}));
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer(
+  command.option("FILE", options->file, "the stream, with start codes; - for a file as standard input")
+      .required();
+  command.option("--codec", options->codec, "what the stream is, when it carries no parameter sets")
+      .one_of({"h264", "h265"});
+  command.option("--json", options->as_json, "print JSON");
+  command.footer(
       "The first unit holds the parameter sets alone. An H.265 unit ends with one slice of type TRAIL_R or\n"
       "IDR_W_RADL, slices of other types come in front of it; and until such a slice or another PPS comes\n"
       "right after a PPS, each PPS ends a unit.\nExample: qmxutil frames clip.264");
-  command->callback([options] { run_frames(*options); });
+  command.runs([options] { run_frames(*options); });
 }

@@ -13,8 +13,6 @@
 
 namespace {
 
-using json = nlohmann::ordered_json;
-
 struct CloseIni {
   void operator()(INIHandle* handle) const { QMXUtil_INIClose(handle); }
 };
@@ -82,7 +80,7 @@ void get(const IniOptions& options) {
 void list(const IniOptions& options) {
   const Pairs pairs = all_pairs(open_to_read(options.file));
   if (options.as_json) {
-    json document = json::array();
+    Json document = Json::array();
     for (const Pair& pair : pairs) document.push_back({{"key", pair.key}, {"value", pair.value}});
     print_json(document);
     return;
@@ -198,31 +196,28 @@ void set(const IniOptions& options) {
 
 }  // namespace
 
-void add_ini_commands(CLI::App& app) {
+void add_ini_commands(const Command& app) {
   auto options = std::make_shared<IniOptions>();
-  CLI::App* const ini = app.add_subcommand("ini", "Read and change settings of an INI file");
-  ini->require_subcommand(1);
+  const Command ini = app.add("ini", "Read and change settings of an INI file");
   const auto add = [&](const char* name, const char* text, void (*run)(const IniOptions&)) {
-    CLI::App* const command = ini->add_subcommand(name, text);
-    command->add_option("file", options->file, "The INI file")->required();
-    command->add_flag("--json", options->as_json, "Print JSON");
-    command->callback([options, run] { run(*options); });
+    const Command command = ini.add(name, text);
+    command.option("file", options->file, "The INI file").required();
+    command.option("--json", options->as_json, "Print JSON");
+    command.runs([options, run] { run(*options); });
     return command;
   };
-  CLI::App* const get_command = add("get", "Print the value of a key", get);
-  get_command->add_option("key", options->key, "The key, exactly")->required();
-  get_command->footer("Example: qmxutil ini get /etc/recorder.ini volume");
+  const Command get_command = add("get", "Print the value of a key", get);
+  get_command.option("key", options->key, "The key, exactly").required();
+  get_command.footer("Example: qmxutil ini get /etc/recorder.ini volume");
 
-  add("list", "Print all keys and values", list)
-      ->footer("Example: qmxutil ini list /etc/recorder.ini --json");
+  add("list", "Print all keys and values", list).footer("Example: qmxutil ini list /etc/recorder.ini --json");
 
-  CLI::App* const set_command = add("set", "Set the value of a key; a missing file is created", set);
-  set_command->add_option("key", options->key, "The key, looked for ignoring case")->required();
-  set_command->add_option("value", options->value, "Its new value")->required();
+  const Command set_command = add("set", "Set the value of a key; a missing file is created", set);
+  set_command.option("key", options->key, "The key, looked for ignoring case").required();
+  set_command.option("value", options->value, "Its new value").required();
   set_command
-      ->add_option("--fixed-size", options->fixed_size,
-                   "Keep the file at this size, rounded up to 2048 bytes")
-      ->check(CLI::Range(1, 1024 * 1024 - 1));
-  set_command->add_flag("--lock", options->lock, "Hold a file lock while writing");
-  set_command->footer("Example: qmxutil ini set /data/recorder.ini volume 7 --fixed-size 4096 --lock");
+      .option("--fixed-size", options->fixed_size, "Keep the file at this size, rounded up to 2048 bytes")
+      .between(1, 1024 * 1024 - 1);
+  set_command.option("--lock", options->lock, "Hold a file lock while writing");
+  set_command.footer("Example: qmxutil ini set /data/recorder.ini volume 7 --fixed-size 4096 --lock");
 }

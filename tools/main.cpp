@@ -1,12 +1,9 @@
 // qmxutil: the library's families for a shell, on the host and on the device.
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <new>
 
 #include "commands.h"
 #include "output.h"
@@ -36,60 +33,7 @@ void silence_traces(const char* command) {
   unsetenv("QMX_TRACE");
 }
 
-// To CLI11 a "--" ends a subcommand, too; to `run` it ends only its own options, PROGRAM comes after it.
-void drop_end_of_run_options(int& argc, char** argv) {
-  if (argc < 2 || std::strcmp(argv[1], "run") != 0) return;
-  for (int i = 2; i < argc && argv[i][0] == '-'; ++i) {
-    if (std::strcmp(argv[i], "--") != 0) continue;
-    std::copy(argv + i + 1, argv + argc + 1, argv + i);  // the null after the last word, too
-    --argc;
-    return;
-  }
-}
-
-// CLI11 misses a subcommand where it met a word that is none.
-int report_usage_error(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App* command = &app;
-  std::string name = "qmxutil";
-  while (!command->get_subcommands().empty()) {
-    command = command->get_subcommands().back();
-    name += " " + command->get_name();
-  }
-  const std::vector<std::string> unknown = command->remaining();
-  std::string message = error.what();
-  if (!unknown.empty() && dynamic_cast<const CLI::RequiredError*>(&error) != nullptr) {
-    const bool is_option = unknown[0].size() > 1 && unknown[0][0] == '-';
-    message = std::string("there is no ") + (is_option ? "option " : "subcommand ") + unknown[0];
-  }
-  std::fprintf(stderr, "%s: %s\nRun \"%s --help\" for more.\n", name.c_str(), message.c_str(), name.c_str());
-  return 2;
-}
-
-int run(CLI::App& app, int argc, char** argv) {
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return error.get_exit_code() == 0 ? app.exit(error) : report_usage_error(app, error);
-  } catch (const std::bad_alloc&) {
-    std::fputs("qmxutil: not enough memory\n", stderr);
-    return 1;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "qmxutil: %s\n", error.what());
-    return 1;
-  }
-  return 0;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  hold_standard_streams();
-  silence_traces(argc > 1 ? argv[1] : "");
-  CLI::App app{"Audio, video, text, INI, process and usage utilities."};
-  app.name("qmxutil");
-  app.require_subcommand(1);
-  app.set_version_flag(
-      "--version", "qmxutil " VERSION(QMXUTIL_VERSION_MAJOR, QMXUTIL_VERSION_MINOR, QMXUTIL_VERSION_PATCH));
+void add_commands(const Command& app) {
   add_ini_commands(app);
   add_userdata_command(app);
   add_meta_command(app);
@@ -102,18 +46,21 @@ int main(int argc, char** argv) {
   add_timer_command(app);
   add_text_commands(app);
   add_basecheck_command(app);
-  drop_end_of_run_options(argc, argv);
-  int result = 0;
-  if (argc > 1 && std::strcmp(argv[1], "--complete") == 0) {
-    print_completions(app, {argv + 2, argv + argc});
-  } else {
-    result = run(app, argc, argv);
-  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  hold_standard_streams();
+  silence_traces(argc > 1 ? argv[1] : "");
+  constexpr char kVersion[] =
+      "qmxutil " VERSION(QMXUTIL_VERSION_MAJOR, QMXUTIL_VERSION_MINOR, QMXUTIL_VERSION_PATCH);
+  const int result = run_command_line(kVersion, argc, argv, add_commands);
   try {
     flush_output();
   } catch (const CommandError& error) {
     std::fprintf(stderr, "qmxutil: %s\n", error.what());
-    if (result == 0) result = 1;
+    return result == 0 ? 1 : result;
   }
   return result;
 }

@@ -67,8 +67,8 @@ uint32_t value_of(const MetaOptions& options) {
   uint32_t value = 0;
   const auto [rest, error] = std::from_chars(begin, end, value, is_hex ? 16 : 10);
   if (error != std::errc() || rest != end || value > most) {
-    throw CLI::ValidationError("VALUE", options.value + " is no number from 0 to " + std::to_string(most) +
-                                            " for type " + std::to_string(options.type));
+    throw UsageError("VALUE: " + options.value + " is no number from 0 to " + std::to_string(most) +
+                     " for type " + std::to_string(options.type));
   }
   return value;
 }
@@ -131,25 +131,24 @@ void run_set(const MetaOptions& options) {
 
 }  // namespace
 
-void add_meta_command(CLI::App& app) {
+void add_meta_command(const Command& app) {
   const auto options = std::make_shared<MetaOptions>();
-  CLI::App* const command = app.add_subcommand("meta", "Read or set the metadata field of a recording");
-  command->require_subcommand(1);
-  command->footer("Example: qmxutil meta set trip.mp4 1 0x20");
-  CLI::App* const get = command->add_subcommand("get", "Print the field's value");
-  CLI::App* const set = command->add_subcommand("set", "Overwrite the field in place");
-  for (CLI::App* const sub : {get, set}) {
-    sub->add_option("FILE", options->file, "the recording (MP4, MOV, AVI)")->required();
-    sub->add_option("TYPE", options->type,
-                    "1: one byte; any other number: 16 bits. It must be what the field was made with")
-        ->required();
-    sub->add_flag("--json", options->as_json, "print JSON");
+  const Command command = app.add("meta", "Read or set the metadata field of a recording");
+  command.footer("Example: qmxutil meta set trip.mp4 1 0x20");
+  const Command get = command.add("get", "Print the field's value");
+  const Command set = command.add("set", "Overwrite the field in place");
+  for (const Command sub : {get, set}) {
+    sub.option("FILE", options->file, "the recording (MP4, MOV, AVI)").required();
+    sub.option("TYPE", options->type,
+               "1: one byte; any other number: 16 bits. It must be what the field was made with")
+        .required();
+    sub.option("--json", options->as_json, "print JSON");
   }
-  get->footer("Example: qmxutil meta get trip.mp4 1");
-  get->callback([options] { run_get(*options); });
-  set->add_option("VALUE", options->value,
-                  "0 to 255 for type 1, else 0 to 65535; decimal, or hexadecimal after 0x")
-      ->required();
-  set->footer("Example: qmxutil meta set trip.mp4 1 0x20");
-  set->callback([options] { run_set(*options); });
+  get.footer("Example: qmxutil meta get trip.mp4 1");
+  get.runs([options] { run_get(*options); });
+  set.option("VALUE", options->value,
+             "0 to 255 for type 1, else 0 to 65535; decimal, or hexadecimal after 0x")
+      .required();
+  set.footer("Example: qmxutil meta set trip.mp4 1 0x20");
+  set.runs([options] { run_set(*options); });
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -15,8 +16,6 @@
 #include "qmxutil_usage.h"
 
 namespace {
-
-using nlohmann::ordered_json;
 
 struct UsageCloser {
   void operator()(void* handle) const { QMXUTIL_UsageCpuClose(handle); }
@@ -55,15 +54,16 @@ class Display {
 
  private:
   static void show_json(const std::vector<Load>& loads) {
-    ordered_json reading = {{"time", std::time(nullptr)}, {"loads", ordered_json::array()}};
+    Json items = Json::array();
     for (const Load& load : loads) {
       const auto tenths = [](double percent) { return std::round(percent * 10) / 10; };
-      reading["loads"].push_back({{"name", load.name},
-                                  {"user", tenths(load.user)},
-                                  {"system", tenths(load.system)},
-                                  {"total", tenths(load.total)}});
+      items.push_back({{"name", load.name},
+                       {"user", tenths(load.user)},
+                       {"system", tenths(load.system)},
+                       {"total", tenths(load.total)}});
     }
-    print_json(reading, -1);
+    const Json reading = {{"time", std::time(nullptr)}, {"loads", items}};
+    std::printf("%s\n", reading.in_one_line().c_str());
   }
 
   static void show_lines(const std::vector<Load>& loads) {
@@ -172,28 +172,26 @@ void run_tasks(const WatchOptions& options) {
   });
 }
 
-std::shared_ptr<WatchOptions> add_watch_options(CLI::App& command) {
+std::shared_ptr<WatchOptions> add_watch_options(const Command& command) {
   const auto options = std::make_shared<WatchOptions>();
-  command.add_option("--interval", options->interval, "seconds between readings (1)")
-      ->check(CLI::Range(0.01, 86400.0));
-  command.add_option("--count", options->count, "end after so many; without it, at Ctrl-C")
-      ->check(CLI::PositiveNumber);
-  command.add_flag("--json", options->json, "one object a reading, one reading a line");
+  command.option("--interval", options->interval, "seconds between readings (1)").between(0.01, 86400.0);
+  command.option("--count", options->count, "end after so many; without it, at Ctrl-C").between(1, INT_MAX);
+  command.option("--json", options->json, "one object a reading, one reading a line");
   return options;
 }
 
 }  // namespace
 
-void add_monitor_commands(CLI::App& app) {
-  CLI::App* const cpu = app.add_subcommand("cpu", "Show the load of the machine and of each core");
-  const auto cpu_options = add_watch_options(*cpu);
-  cpu->footer("Example: qmxutil cpu --interval 0.5 --count 10");
-  cpu->callback([cpu_options] { run_cpu(*cpu_options); });
+void add_monitor_commands(const Command& app) {
+  const Command cpu = app.add("cpu", "Show the load of the machine and of each core");
+  const auto cpu_options = add_watch_options(cpu);
+  cpu.footer("Example: qmxutil cpu --interval 0.5 --count 10");
+  cpu.runs([cpu_options] { run_cpu(*cpu_options); });
 
-  CLI::App* const tasks =
-      app.add_subcommand("tasks", "Show how a process's threads share its CPU time, the heaviest first");
-  const auto task_options = add_watch_options(*tasks);
-  tasks->add_option("NAME", task_options->process, "the process's name")->required();
-  tasks->footer("Example: qmxutil tasks recorder --json");
-  tasks->callback([task_options] { run_tasks(*task_options); });
+  const Command tasks =
+      app.add("tasks", "Show how a process's threads share its CPU time, the heaviest first");
+  const auto task_options = add_watch_options(tasks);
+  tasks.option("NAME", task_options->process, "the process's name").required();
+  tasks.footer("Example: qmxutil tasks recorder --json");
+  tasks.runs([task_options] { run_tasks(*task_options); });
 }

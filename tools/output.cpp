@@ -17,10 +17,7 @@ void flush_output() {
   throw CommandError("standard output: not all could be written");
 }
 
-void print_json(const nlohmann::ordered_json& document, int indent) {
-  using nlohmann::ordered_json;
-  std::printf("%s\n", document.dump(indent, ' ', false, ordered_json::error_handler_t::replace).c_str());
-}
+void print_json(const Json& document) { std::printf("%s\n", document.in_lines().c_str()); }
 
 size_t terminal_columns() {
   winsize window = {};

@@ -2,15 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
+
+#include "json.h"
 
 // Throws CommandError when anything printed so far cannot reach its reader.
 void flush_output();
 
-// Bytes that are no UTF-8 become U+FFFD. An indent of -1 prints one line.
-void print_json(const nlohmann::ordered_json& document, int indent = 2);
+void print_json(const Json& document);
 
 // Columns of the terminal that standard output is; 80 when it is none.
 size_t terminal_columns();

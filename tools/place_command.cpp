@@ -11,7 +11,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::ordered_json;
 
 // ---- find
 
@@ -55,15 +54,15 @@ void run_find(const FindOptions& options) {
   }
 }
 
-void add_find(CLI::App& app) {
+void add_find(const Command& app) {
   const auto options = std::make_shared<FindOptions>();
-  CLI::App* const command = app.add_subcommand(
-      "find", "Find the first subdirectory that contains an entry, and print the entry's path");
-  command->add_option("DIR", options->dir, "the directory above")->required();
-  command->add_option("NAME", options->name, "the entry's name")->required();
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer("Example: qmxutil find /media/card DCIM");
-  command->callback([options] { run_find(*options); });
+  const Command command =
+      app.add("find", "Find the first subdirectory that contains an entry, and print the entry's path");
+  command.option("DIR", options->dir, "the directory above").required();
+  command.option("NAME", options->name, "the entry's name").required();
+  command.option("--json", options->as_json, "print JSON");
+  command.footer("Example: qmxutil find /media/card DCIM");
+  command.runs([options] { run_find(*options); });
 }
 
 // ---- gps
@@ -79,9 +78,9 @@ struct GpsOptions {
 // Degrees and minutes as one number: at most `most` degrees, and less than 60 minutes.
 void require_position(const char* name, double value, int most) {
   if (!(value >= 0 && value <= most * 100)) {
-    throw CLI::ValidationError(name, "not between 0 and " + std::to_string(most) + " degrees");
+    throw UsageError(std::string(name) + ": not between 0 and " + std::to_string(most) + " degrees");
   }
-  if (std::fmod(value, 100) >= 60) throw CLI::ValidationError(name, "60 minutes or more");
+  if (std::fmod(value, 100) >= 60) throw UsageError(std::string(name) + ": 60 minutes or more");
 }
 
 void run_gps(const GpsOptions& options) {
@@ -100,21 +99,21 @@ void run_gps(const GpsOptions& options) {
   }
 }
 
-void add_gps(CLI::App& app) {
+void add_gps(const Command& app) {
   const auto options = std::make_shared<GpsOptions>();
-  CLI::App* const command = app.add_subcommand("gps", "Convert an NMEA 0183 position to decimal degrees");
-  command->add_option("LAT", options->latitude, "ddmm.mmmm")->required();
-  command->add_option("NS", options->north_south, "N or S")->required()->check(CLI::IsMember({"N", "S"}));
-  command->add_option("LON", options->longitude, "dddmm.mmmm")->required();
-  command->add_option("EW", options->east_west, "E or W")->required()->check(CLI::IsMember({"E", "W"}));
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer("Example: qmxutil gps 4530.0 N 00915.5 W");
-  command->callback([options] { run_gps(*options); });
+  const Command command = app.add("gps", "Convert an NMEA 0183 position to decimal degrees");
+  command.option("LAT", options->latitude, "ddmm.mmmm").required();
+  command.option("NS", options->north_south, "N or S").required().one_of({"N", "S"});
+  command.option("LON", options->longitude, "dddmm.mmmm").required();
+  command.option("EW", options->east_west, "E or W").required().one_of({"E", "W"});
+  command.option("--json", options->as_json, "print JSON");
+  command.footer("Example: qmxutil gps 4530.0 N 00915.5 W");
+  command.runs([options] { run_gps(*options); });
 }
 
 }  // namespace
 
-void add_place_commands(CLI::App& app) {
+void add_place_commands(const Command& app) {
   add_find(app);
   add_gps(app);
 }

@@ -10,8 +10,6 @@
 
 namespace {
 
-using nlohmann::ordered_json;
-
 // What the media file reader tells of a recording.
 void report_recording(Report& report, const Input& input) {
   const std::string path = input.reopenable_path();
@@ -26,25 +24,28 @@ void report_recording(Report& report, const Input& input) {
   report.values["durationMs"] = info.durationMs;
   report.line("duration", text("%.3f s", info.durationMs / 1000.0));
   report.number("userDataRecords", info.userDataPresent != 0 ? info.userDataCount : 0, "user data records");
-  report.values["metadata"] = info.metaPresent != 0 ? ordered_json(info.metaValue) : ordered_json();
+  report.values["metadata"] = info.metaPresent != 0 ? Json(info.metaValue) : Json();
   report.line("metadata field",
               info.metaPresent != 0 ? text("%u (0x%X)", info.metaValue, info.metaValue) : "none");
 }
 
 void report_container(Report& report, StreamKind kind, Window& window) {
   const std::vector<std::string> lines = ffmpeg_lines(kind, window);
-  report.values["ffmpeg"] = lines;
-  for (const std::string& line : lines) report.lines.push_back("  " + line);
+  Json& values = report.values["ffmpeg"] = Json::array();
+  for (const std::string& line : lines) {
+    values.push_back(line);
+    report.lines.push_back("  " + line);
+  }
   if (lines.empty()) report.notes.push_back("no stream in it is named that the library knows");
   if (kind == StreamKind::kMp4 || kind == StreamKind::kAvi) report_recording(report, window.input());
 }
 
-void print(const Report& report, const std::string& name, StreamKind kind, bool as_json) {
+void print(Report& report, const std::string& name, StreamKind kind, bool as_json) {
   if (as_json) {
-    ordered_json all = {{"file", name}, {"kind", kind_id(kind)}};
-    all.update(report.values);
-    if (!report.notes.empty()) all["notes"] = report.notes;
-    print_json(all);
+    Json notes = Json::array();
+    for (const std::string& note : report.notes) notes.push_back(note);
+    if (!report.notes.empty()) report.values["notes"] = notes;
+    print_json(report.values);
     return;
   }
   std::printf("%s: %s\n", name.c_str(), kind_name(kind));
@@ -77,7 +78,7 @@ void run_probe(const ProbeOptions& options) {
   if (stream.kind == StreamKind::kUnknown) {
     throw CommandError(input.name() + ": no stream, configuration record or container that is known here");
   }
-  Report report;
+  Report report = {{{"file", input.name()}, {"kind", kind_id(stream.kind)}}, {}, {}};
   std::string failure;
   try {
     add_to(report, stream, window);
@@ -90,20 +91,18 @@ void run_probe(const ProbeOptions& options) {
 
 }  // namespace
 
-void add_probe_command(CLI::App& app) {
+void add_probe_command(const Command& app) {
   const auto options = std::make_shared<ProbeOptions>();
-  CLI::App* const command = app.add_subcommand(
+  const Command command = app.add(
       "probe", "Tell what a stream, a decoder configuration or a container is, and what its headers say");
   command
-      ->add_option(
-          "FILE", options->file,
-          "MP3; H.264 or H.265 with start codes; avcC or hvcC record; MPEG-1/2 or MPEG-4 Part 2 video; "
-          "MP4, MOV, AVI, MPEG-TS, Matroska, ADTS; - for standard input")
-      ->required();
-  command
-      ->add_option("--codec", options->codec, "aac: FILE is an AAC configuration of two bytes or a few more")
-      ->check(CLI::IsMember({"aac"}));
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer("Example: qmxutil probe clip.264 --json");
-  command->callback([options] { run_probe(*options); });
+      .option("FILE", options->file,
+              "MP3; H.264 or H.265 with start codes; avcC or hvcC record; MPEG-1/2 or MPEG-4 Part 2 video; "
+              "MP4, MOV, AVI, MPEG-TS, Matroska, ADTS; - for standard input")
+      .required();
+  command.option("--codec", options->codec, "aac: FILE is an AAC configuration of two bytes or a few more")
+      .one_of({"aac"});
+  command.option("--json", options->as_json, "print JSON");
+  command.footer("Example: qmxutil probe clip.264 --json");
+  command.runs([options] { run_probe(*options); });
 }

@@ -1,17 +1,17 @@
 // What `probe` has found out, and who finds out what.
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "json.h"
 #include "stream_kind.h"
 
 __attribute__((format(printf, 1, 2))) std::string text(const char* format, ...);
 
 // Values for scripts, lines for people.
 struct Report {
-  nlohmann::ordered_json values = nlohmann::ordered_json::object();
+  Json values;
   std::vector<std::string> lines;
   std::vector<std::string> notes;
 

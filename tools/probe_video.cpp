@@ -28,7 +28,7 @@ std::vector<StartCodeUnit> units_of(const Bytes& stream) {
 }
 
 void report_parameter_sets(Report& report, const std::vector<StartCodeUnit>& sets) {
-  nlohmann::ordered_json lengths = nlohmann::ordered_json::array();
+  Json lengths = Json::array();
   std::string shown;
   for (const StartCodeUnit& set : sets) {
     lengths.push_back(set.bytes.size());

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,8 +16,6 @@
 #include "qmxutil_process.h"
 
 namespace {
-
-using nlohmann::ordered_json;
 
 struct RunOptions {
   bool shell = false;
@@ -38,13 +37,13 @@ void require_program(const std::string& path) {
 }
 
 void run_program(const RunOptions& options, const std::vector<std::string>& words) {
-  if (words.empty()) throw CLI::RequiredError("PROGRAM");
+  if (words.empty()) throw UsageError("PROGRAM is required");
   if (options.shell) {
-    if (words.size() != 1) throw CLI::ValidationError("--shell", "takes one command line");
+    if (words.size() != 1) throw UsageError("--shell: takes one command line");
     end_as(words[0], QMXUtil_ExecShell(words[0].c_str()));
   }
   if (options.no_wait) {
-    if (words.size() > 2) throw CLI::ValidationError("--no-wait", "takes one argument at most");
+    if (words.size() > 2) throw UsageError("--no-wait: takes one argument at most");
     int pid;
     const char* const arg = words.size() == 2 ? words[1].c_str() : nullptr;
     if (QMXUtil_ProcessRun(words[0].c_str(), arg, 0, &pid) == 0) throw CommandError("cannot run " + words[0]);
@@ -72,13 +71,13 @@ void run_program(const RunOptions& options, const std::vector<std::string>& word
 
 // The library looks at the beginning of a name only: another program's, when it is longer.
 void require_name(const std::string& name, size_t longest) {
-  if (name.empty()) throw CLI::ValidationError("NAME", "is empty");
+  if (name.empty()) throw UsageError("NAME: is empty");
   if (name.size() > longest) throw CommandError(name + ": longer than " + std::to_string(longest) + " bytes");
 }
 
 void run_which(const std::vector<std::string>& names, bool as_json) {
   constexpr size_t kLongestCommand = 25;
-  ordered_json list = ordered_json::array();
+  Json list = Json::array();
   std::string missing;
   for (const std::string& name : names) require_name(name, kLongestCommand);
   for (const std::string& name : names) {
@@ -113,7 +112,7 @@ void run_pid(const std::string& name, bool as_json) {
 
 // To the library a process that is not there has ended as was asked for.
 void run_kill(const std::optional<std::string>& name, int pid) {
-  if (name.has_value() == (pid != 0)) throw CLI::RequiredError("either NAME or --pid");
+  if (name.has_value() == (pid != 0)) throw UsageError("either NAME or --pid is required");
   const int target = name ? process_of(*name) : pid;
   const std::string shown = name.value_or("process " + std::to_string(pid));
   if (kill(target, 0) != 0) fail_as_system_said(shown);
@@ -122,36 +121,35 @@ void run_kill(const std::optional<std::string>& name, int pid) {
 
 }  // namespace
 
-void add_process_commands(CLI::App& app) {
-  CLI::App* const run = app.add_subcommand("run", "Run a program by its path and end with its exit code");
+void add_process_commands(const Command& app) {
+  const Command run = app.add("run", "Run a program by its path and end with its exit code");
   const auto run_options = std::make_shared<RunOptions>();
-  run->add_flag("--shell", run_options->shell, "run one command line with the shell");
-  run->add_flag("--no-wait", run_options->no_wait,
-                "find PROGRAM on the search path, start it with one argument at most, print its process id");
-  run->prefix_command();
-  run->footer(
+  run.option("--shell", run_options->shell, "run one command line with the shell");
+  run.option("--no-wait", run_options->no_wait,
+             "find PROGRAM on the search path, start it with one argument at most, print its process id");
+  run.footer(
       "Then PROGRAM and its arguments; a \"--\" may stand in front.\nExample: qmxutil run /bin/ls -l /tmp");
-  run->callback([run, run_options] { run_program(*run_options, run->remaining()); });
+  run.runs_with_rest([run_options](const auto& words) { run_program(*run_options, words); });
 
-  CLI::App* const which = app.add_subcommand("which", "Tell whether commands exist");
+  const Command which = app.add("which", "Tell whether commands exist");
   const auto commands = std::make_shared<std::vector<std::string>>();
-  which->add_option("NAME", *commands, "the commands")->required();
-  which->footer("Example: qmxutil which ffmpeg find");
+  which.option("NAME", *commands, "the commands").required();
+  which.footer("Example: qmxutil which ffmpeg find");
   const auto as_json = std::make_shared<bool>(false);
-  which->add_flag("--json", *as_json, "print JSON");
-  which->callback([commands, as_json] { run_which(*commands, *as_json); });
+  which.option("--json", *as_json, "print JSON");
+  which.runs([commands, as_json] { run_which(*commands, *as_json); });
 
-  CLI::App* const pid = app.add_subcommand("pid", "Print the process id of a running program");
+  const Command pid = app.add("pid", "Print the process id of a running program");
   const auto wanted = std::make_shared<std::string>();
-  pid->add_option("NAME", *wanted, "the program's name")->required();
-  pid->footer("Example: qmxutil pid recorder");
-  pid->add_flag("--json", *as_json, "print JSON");
-  pid->callback([wanted, as_json] { run_pid(*wanted, *as_json); });
+  pid.option("NAME", *wanted, "the program's name").required();
+  pid.footer("Example: qmxutil pid recorder");
+  pid.option("--json", *as_json, "print JSON");
+  pid.runs([wanted, as_json] { run_pid(*wanted, *as_json); });
 
-  CLI::App* const ending = app.add_subcommand("kill", "Ask a process to end (SIGTERM)");
+  const Command ending = app.add("kill", "Ask a process to end (SIGTERM)");
   const auto target = std::make_shared<std::pair<std::optional<std::string>, int>>();
-  ending->add_option("NAME", target->first, "the program's name");
-  ending->add_option("--pid", target->second, "its process id instead")->check(CLI::PositiveNumber);
-  ending->footer("Example: qmxutil kill recorder");
-  ending->callback([target] { run_kill(target->first, target->second); });
+  ending.option("NAME", target->first, "the program's name");
+  ending.option("--pid", target->second, "its process id instead").between(1, INT_MAX);
+  ending.footer("Example: qmxutil kill recorder");
+  ending.runs([target] { run_kill(target->first, target->second); });
 }

@@ -16,8 +16,6 @@
 
 namespace {
 
-using json = nlohmann::ordered_json;
-
 struct FreeBlock {
   void operator()(char* block) const { QMX_Free(block, 0); }
 };
@@ -121,11 +119,11 @@ void hex_decode(const std::string& path) {
 
 // ---- field
 
-using Getter = std::function<std::optional<json>(const char* line, const char* key)>;
+using Getter = std::function<std::optional<Json>(const char* line, const char* key)>;
 
 template <class Number>
 Getter number(const char* (*get)(const char*, const char*, Number*)) {
-  return [get](const char* line, const char* key) -> std::optional<json> {
+  return [get](const char* line, const char* key) -> std::optional<Json> {
     Number value;
     if (get(line, key, &value) == nullptr) return std::nullopt;
     return value;
@@ -133,7 +131,7 @@ Getter number(const char* (*get)(const char*, const char*, Number*)) {
 }
 
 Getter token(TokenGetter get) {
-  return [get](const char* line, const char* key) -> std::optional<json> {
+  return [get](const char* line, const char* key) -> std::optional<Json> {
     const char* from = line;
     if (key != nullptr) {
       from = QMXUtilStrFindString(line, key);
@@ -164,10 +162,6 @@ struct FieldOptions {
   bool as_json = false;
 };
 
-std::string shown(const json& value) {
-  return value.dump(-1, ' ', false, json::error_handler_t::replace);  // a token need not be UTF-8
-}
-
 void field(const FieldOptions& options) {
   const Getter& get = field_kinds().at(options.kind);
   size_t line_number = 0;
@@ -178,61 +172,53 @@ void field(const FieldOptions& options) {
     const auto value = get(line.c_str(), options.key ? options.key->c_str() : nullptr);
     if (!value) continue;
     found = true;
-    std::string text;
-    if (options.as_json) {
-      text = shown({{"line", line_number}, {"value", *value}});
-    } else {
-      text = value->is_string() ? value->get<std::string>() : shown(*value);
-    }
-    text += '\n';
+    const Json line_of_json = {{"line", line_number}, {"value", *value}};
+    const std::string text = (options.as_json ? line_of_json.in_one_line() : value->text()) + '\n';
     write_out(text.data(), text.size());
   }
   if (!found) throw CommandError("no line has such a value");
 }
 
-void add_conversion(CLI::App& parent, const std::string& name, const std::string& help,
+void add_conversion(const Command& parent, const std::string& name, const std::string& help,
                     const std::string& example, void (*run)(const std::string&)) {
-  CLI::App* const command = parent.add_subcommand(name, help);
+  const Command command = parent.add(name, help);
   const auto path = std::make_shared<std::string>("-");
-  command->add_option("FILE", *path, "the input; standard input when it is missing or -");
-  command->footer("Example:\n  " + example);
-  command->callback([path, run] { run(*path); });
+  command.option("FILE", *path, "the input; standard input when it is missing or -");
+  command.footer("Example:\n  " + example);
+  command.runs([path, run] { run(*path); });
 }
 
 }  // namespace
 
-void add_text_commands(CLI::App& app) {
-  CLI::App* const text = app.add_subcommand("text", "Base64, hexadecimal text, values out of lines");
-  text->require_subcommand(1);
+void add_text_commands(const Command& app) {
+  const Command text = app.add("text", "Base64, hexadecimal text, values out of lines");
 
-  CLI::App* const base64 = text->add_subcommand("base64", "Base64 (RFC 4648), either way");
-  base64->require_subcommand(1);
-  add_conversion(*base64, "encode", "bytes to Base64, on one line", "qmxutil text base64 encode key.bin",
+  const Command base64 = text.add("base64", "Base64 (RFC 4648), either way");
+  add_conversion(base64, "encode", "bytes to Base64, on one line", "qmxutil text base64 encode key.bin",
                  base64_encode);
-  add_conversion(*base64, "decode", "Base64 to bytes; white space is passed over, anything else is an error",
+  add_conversion(base64, "decode", "Base64 to bytes; white space is passed over, anything else is an error",
                  "echo aGVsbG8K | qmxutil text base64 decode", base64_decode);
 
-  CLI::App* const hex = text->add_subcommand("hex", "hexadecimal text, either way");
-  hex->require_subcommand(1);
-  add_conversion(*hex, "encode", "bytes to hexadecimal text, on one line",
+  const Command hex = text.add("hex", "hexadecimal text, either way");
+  add_conversion(hex, "encode", "bytes to hexadecimal text, on one line",
                  "head -c 16 clip.mp4 | qmxutil text hex encode", hex_encode);
-  add_conversion(*hex, "decode", "hexadecimal text to bytes; white space is passed over",
+  add_conversion(hex, "decode", "hexadecimal text to bytes; white space is passed over",
                  "echo 68656c6c6f0a | qmxutil text hex decode", hex_decode);
 
-  CLI::App* const command =
-      text->add_subcommand("field", "The value after a key, of each line of standard input that has one");
+  const Command command =
+      text.add("field", "The value after a key, of each line of standard input that has one");
   const auto options = std::make_shared<FieldOptions>();
   std::vector<std::string> kinds;
   for (const auto& [name, getter] : field_kinds()) kinds.push_back(name);
   command
-      ->add_option(
+      .option(
           "KIND", options->kind,
           "dec, int, hex: a number; float: in thousandths; time: hh:mm:ss in milliseconds; word, hexstring, "
           "address, safe, base64: a run of such characters; rest: all up to a carriage return")
-      ->required()
-      ->check(CLI::IsMember(kinds));
-  command->add_option("KEY", options->key, "text before the value; without it the first value of the line");
-  command->add_flag("--json", options->as_json, "an object a line: line number and value");
-  command->footer("Example:\n  curl -sI http://localhost/ | qmxutil text field dec Content-Length:");
-  command->callback([options] { field(*options); });
+      .required()
+      .one_of(kinds);
+  command.option("KEY", options->key, "text before the value; without it the first value of the line");
+  command.option("--json", options->as_json, "an object a line: line number and value");
+  command.footer("Example:\n  curl -sI http://localhost/ | qmxutil text field dec Content-Length:");
+  command.runs([options] { field(*options); });
 }

@@ -23,7 +23,7 @@ struct FreeTimer {
 
 struct TimerOptions {
   int msec = 0;
-  int64_t count = 0;  // 0: until it is interrupted
+  int32_t count = 0;  // 0: until it is interrupted
   bool as_json = false;
 };
 
@@ -57,7 +57,8 @@ class Report {
     const double late = static_cast<double>(at - started_ - number * interval_) / 1000;
     const int64_t missed = number - number_ - 1;
     if (as_json_) {
-      print_json({{"expiry", number}, {"lateUs", late}, {"missed", missed}}, -1);
+      const Json line = {{"expiry", number}, {"lateUs", late}, {"missed", missed}};
+      std::printf("%s\n", line.in_one_line().c_str());
     } else {
       std::printf("expiry %lld, %.1f us late", static_cast<long long>(number), late);
       std::printf(missed > 0 ? ", %lld missed before it\n" : "\n", static_cast<long long>(missed));
@@ -118,16 +119,12 @@ void run_timer(const TimerOptions& options) {
 
 }  // namespace
 
-void add_timer_command(CLI::App& app) {
+void add_timer_command(const Command& app) {
   const auto options = std::make_shared<TimerOptions>();
-  CLI::App* const command =
-      app.add_subcommand("timer", "Run a periodic timer and print how late each expiry comes");
-  command->add_option("MSEC", options->msec, "interval in milliseconds")
-      ->required()
-      ->check(CLI::Range(1, INT_MAX));
-  command->add_option("--count", options->count, "end after this many (default: at Ctrl-C)")
-      ->check(CLI::PositiveNumber);
-  command->add_flag("--json", options->as_json, "print a JSON object a line");
-  command->footer("Example: qmxutil timer 10 --count 100");
-  command->callback([options] { run_timer(*options); });
+  const Command command = app.add("timer", "Run a periodic timer and print how late each expiry comes");
+  command.option("MSEC", options->msec, "interval in milliseconds").required().between(1, INT_MAX);
+  command.option("--count", options->count, "end after this many (default: at Ctrl-C)").between(1, INT_MAX);
+  command.option("--json", options->as_json, "print a JSON object a line");
+  command.footer("Example: qmxutil timer 10 --count 100");
+  command.runs([options] { run_timer(*options); });
 }

@@ -12,13 +12,11 @@
 
 namespace {
 
-using nlohmann::ordered_json;
-
 struct CloseUserData {
   void operator()(UserDataHandle* handle) const { QMXUtil_UserDataClose(handle); }
 };
 
-constexpr uint32_t kLastSecond = UINT32_MAX / 1000;  // the library counts milliseconds
+constexpr int kLastSecond = UINT32_MAX / 1000;  // the library counts milliseconds
 
 struct UserDataOptions {
   std::string file;
@@ -90,7 +88,7 @@ void run_userdata(const UserDataOptions& options) {
     if (error) throw CommandError("cannot create " + options.export_dir + ": " + error.message());
   }
   const int count = QMXUtil_UserDataCount(handle.get());
-  ordered_json records = ordered_json::array();
+  Json records = Json::array();
   int failed = 0, exported = 0;
   if (!options.as_json) std::printf("%6s  %10s  record\n", "number", "time/s");
   for (int i = 0; i < (options.second ? 1 : count); ++i) {
@@ -134,19 +132,18 @@ void run_userdata(const UserDataOptions& options) {
 
 }  // namespace
 
-void add_userdata_command(CLI::App& app) {
+void add_userdata_command(const Command& app) {
   const auto options = std::make_shared<UserDataOptions>();
-  CLI::App* const command =
-      app.add_subcommand("userdata", "List or export the user data records of a recording");
-  command->add_option("FILE", options->file, "the recording (MP4, MOV, AVI)")->required();
-  command->add_option("--second", options->second, "only the first record at or after this second")
-      ->check(CLI::Range(0U, kLastSecond));
-  command->add_option("--size", options->record_size, "bytes of one record")
-      ->check(CLI::Range(1, QMX_USERDATA_MAX_RECORD))
-      ->capture_default_str();
-  command->add_option("--export", options->export_dir,
-                      "write each record to a file in this directory, --size bytes each");
-  command->add_flag("--json", options->as_json, "print JSON");
-  command->footer("Example: qmxutil userdata trip.mp4 --second 30 --json");
-  command->callback([options] { run_userdata(*options); });
+  const Command command = app.add("userdata", "List or export the user data records of a recording");
+  command.option("FILE", options->file, "the recording (MP4, MOV, AVI)").required();
+  command.option("--second", options->second, "only the first record at or after this second")
+      .between(0, kLastSecond);
+  command.option("--size", options->record_size, "bytes of one record")
+      .between(1, QMX_USERDATA_MAX_RECORD)
+      .shows_default();
+  command.option("--export", options->export_dir,
+                 "write each record to a file in this directory, --size bytes each");
+  command.option("--json", options->as_json, "print JSON");
+  command.footer("Example: qmxutil userdata trip.mp4 --second 30 --json");
+  command.runs([options] { run_userdata(*options); });
 }
