@@ -147,7 +147,8 @@ TEST_F(ReaderTest, ReadsWhatIsInAFile) {
 }
 
 // What ffmpeg does not write: runs without offsets, after the data of the track before; defaults of the
-// movie; composition before its time; no time; edits that leave out what lies between.
+// movie; composition before its time; no time; edits that leave out what lies between. What is not there whole
+// ends the recording.
 TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
   Mp4 mp4;
   mp4.chunks = {{{"table", 100}}};
@@ -164,10 +165,23 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
                            box("traf", tfhd + tfdt + full_box("trun", 0x1000E00, two)));
   };
   SparseFile file = mp4.file();
-  file.tail += moof(moof(0).size()) + box("mdat", "anotheranotheronetwo34four");
+  const string fragment = moof(moof(0).size()) + box("mdat", "anotheranotheronetwo34four");
+  const string beyond_file = full_box("trun", 1, be(1, 4) + be(1 << 20, 4));
+  file.tail += fragment + box("moof", box("traf", tfhd + beyond_file)) + fragment;
   Records records = {{50, "table"}, {150, "one"}, {200, "two"}, {200, "34"}, {300, "four"}};
   for (auto& record : records) record.second = in_room(record.second);
   EXPECT_EQ(read(file), Reading(1, 12345, records, 0, 0));
+  for (const uint32_t size : {0, 1}) {  // no more records than bytes, the same ones again and again
+    mp4.boxes = box("mvex", full_box("trex", 0, be(2, 4) + be(1, 4) + be(100, 4) + be(size, 4) + be(0, 4)));
+    string runs;
+    for (int i = 0; i < 10; ++i) runs += full_box("trun", 1, be(300, 4) + be(-400, 4));
+    file = mp4.file();
+    file.tail += box("moof", box("traf", tfhd + runs));
+    EXPECT_EQ(std::get<Records>(read(file)).size(), file.head.size() + file.tail.size());
+  }
+  mp4.chunks = {{{"first"}}, {}, {{"no longer"}}};  // so do tables
+  mp4.boxes = mp4.elst = "";
+  EXPECT_EQ(read(mp4.file()), Reading(1, 0, {{0, in_room("first")}, {0, ""}}, 0, 0));
 }
 
 TEST_F(ReaderTest, ReadsRecordingsOfAnotherWriter) {  // scripts/make-recording.sh

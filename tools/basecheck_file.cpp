@@ -303,9 +303,9 @@ void lines() {
 
 void write_results() {
   Stream stream = over_old_text(QMX_FILE_WRITE_IN_PLACE);
-  for (const int64_t count : {INT64_C(2), INT64_C(0), INT64_C(5)}) {
+  for (const int64_t count : {INT64_C(2), INT64_C(0), INT64_C(-1), INT64_C(5)}) {
     const int64_t written = QMX_FileWrite(stream.get(), "a text", count);
-    expect(written == count, "%ld for %ld bytes", written, count);
+    expect(count < 0 ? written <= 0 : written == count, "%ld for %ld bytes", written, count);
   }
   expect(QMX_FileSync(stream.get()) == 0, "a sync does not give 0");
   expect(QMX_FileClose(stream.release()) == 0, "a close does not give 0");
@@ -314,6 +314,7 @@ void write_results() {
   QMX_FileSync(stream.get());
   expect_content("line\n", "after fputs() and a sync");
   stream = over_old_text(QMX_FILE_READ);
+  expect(QMX_FileRead(stream.get(), nullptr, -1) <= 0, "less than no bytes are read");
   expect(QMX_FileWrite(stream.get(), "XY", 2) < 2, "a stream for reading takes a write");
 }
 
@@ -405,7 +406,7 @@ const Check kChecks[] = {
      nothing_after_unlock},
     {"file", "fileno(), fputs() and fflush() work on a stream", true,
      "INI files are not locked, memory reports are not written", lines},
-    {"file", "write, sync and close tell how they went", false, nullptr, write_results},
+    {"file", "read, write, sync and close tell how they went", false, nullptr, write_results},
     {"file", "a refused write leaves errno set", false, nullptr, refused_write},
     {"file", "a refused write leaves the old text", false, "a full disk costs an INI file its text",
      refused_write_keeps},
