@@ -27,7 +27,7 @@ FIRST = {  # the tests of a family; then all the others
     "string": ["text_test"], "simd": ["simd_test", "text_test", "video_test"], "video": ["video_test"],
     "audio": ["audio_test"], "ini": ["ini_test", "failure_test"], "process": ["process_test"],
     "signal": ["signal_test"], "timer": ["timer_test"], "usage": ["usage_test"], "userdata": ["userdata_test"],
-    "reader": ["reader_test"], "platform": ["qmxutil_command"],
+    "reader": ["reader_test"], "platform": ["basecheck"],
 }
 
 # What is looked for in code whose comments and texts are blanked out, and what takes its place. Binary operators
@@ -48,6 +48,7 @@ STATEMENT = re.compile(r"^\s*(?!return|using|typedef|static|else|case|default|go
 NO_CODE = re.compile(r"^\s*(?:#|\}|static_assert|using |typedef |namespace |template |extern )")
 
 Fault = collections.namedtuple("Fault", "file line before after")
+Test = collections.namedtuple("Test", "target program command")
 
 
 def blank_comments_and_texts(source):
@@ -99,21 +100,28 @@ class Build:
         self.make("src/all", "qmxutil_plain_objects", "platform/all", "tests/all", "qmxutil_command", check=True)
         self.made = {path: path.stat().st_mtime_ns for path in self.compiled()}
         shutil.copytree(self.folder, root / "made", symlinks=True)
-        self.programs = {path.name: [path, "--gtest_fail_fast", "--gtest_brief=1"]
-                         for path in sorted((self.folder / "tests").iterdir())
-                         if re.search(r"_test(_plain)?$", path.name)}
-        self.programs["qmxutil_command"] = [self.folder / "tools" / "qmxutil", "basecheck", "--limit", "60",
-                                            "--media", root / "tests" / "data" / "timed-metadata.mov"]
+        self.tests = {path.name: Test(path.name, path, [path, "--gtest_fail_fast", "--gtest_brief=1"])
+                      for path in sorted((self.folder / "tests").iterdir())
+                      if re.search(r"_test(_plain)?$", path.name)}
+        tool, deviating = self.folder / "tools" / "qmxutil", self.folder / "tests" / "deviating_command"
+        recording = root / "tests" / "data" / "timed-metadata.mov"
+        self.tests["basecheck"] = Test("qmxutil_command", tool, [
+            "sh", "-c", '"$0" basecheck --limit 60 --media "$1" | grep -q " hold, 0 differ, 0 differ "', tool, recording])
+        for name in ("tools", "streams"):
+            script = root / "tests" / f"{name}_command_test.sh"
+            self.tests[name] = Test("qmxutil_command", tool, [script, tool])
+        self.tests["deviations"] = Test("deviating_command", deviating, [root / "tests" / "basecheck_test.sh",
+                                                                       deviating])
         self.home = root / "home"
         self.home.mkdir()
         if os.getuid() == 0:
             os.chown(self.home, USER, USER)
         self.limits = {}
-        for program in self.programs:
+        for name in self.tests:
             started = time.monotonic()
-            if not self.passes(program, 300):
-                sys.exit(f"mutate.py: {program} fails without any fault")
-            self.limits[program] = 10 + 5 * (time.monotonic() - started)
+            if not self.passes(name, 300):
+                sys.exit(f"mutate.py: {name} fails without any fault")
+            self.limits[name] = 10 + 5 * (time.monotonic() - started)
 
     def make(self, *targets, check=False):
         command = ["ninja", "-C", self.folder, "-j", str(os.cpu_count()), *targets]
@@ -139,17 +147,17 @@ class Build:
         """Everything as it was made first, so that the next fault costs one compilation."""
         for path in self.changed():
             shutil.copy2(self.as_made(path), path)
-        for program, *_ in self.programs.values():  # linked with what is now gone
-            program.unlink(missing_ok=True)
+        for test in self.tests.values():  # linked with what is now gone
+            test.program.unlink(missing_ok=True)
 
-    def passes(self, program, limit):
+    def passes(self, name, limit):
         guard = ["unshare", "--pid", "--fork", "--mount-proc", "--kill-child"]
         if os.getuid() == 0:
             guard += ["setpriv", f"--reuid={USER}", f"--regid={USER}", "--clear-groups", "--no-new-privs"]
         else:
             guard.insert(1, "--map-current-user")
         environment = {"PATH": os.environ["PATH"], "HOME": str(self.home), "TMPDIR": str(self.home)}
-        tests = subprocess.Popen([*guard, *self.programs[program]], cwd=self.home, env=environment,
+        tests = subprocess.Popen([*guard, *self.tests[name].command], cwd=self.home, env=environment,
                                  start_new_session=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL)
         try:
@@ -162,11 +170,11 @@ class Build:
                 tests.wait()
 
     def noticed_by(self, file):
-        """The first program that notices, or None. What is not linked yet is linked as it is needed."""
-        first = [program for part, programs in FIRST.items() if part in file for program in programs]
-        for program in sorted(self.programs, key=lambda name: (name not in first, "plain" in name)):
-            if not self.make(program) or not self.passes(program, self.limits[program]):
-                return program
+        """The first test that notices, or None. What is not linked yet is linked as it is needed."""
+        first = [name for part, names in FIRST.items() if part in file for name in names]
+        for name in sorted(self.tests, key=lambda name: (name not in first, "_test" not in name, "plain" in name)):
+            if not self.make(self.tests[name].target) or not self.passes(name, self.limits[name]):
+                return name
         return None
 
 
@@ -216,10 +224,10 @@ def main():
         for fault in faults:
             if counted.total() == wanted.count:
                 break
-            counts, program = try_fault(build, fault)
+            counts, test = try_fault(build, fault)
             counted[fault.file] += counts
-            noticed[fault.file] += program is not None
-            if counts and program is None:
+            noticed[fault.file] += test is not None
+            if counts and test is None:
                 print(f"survived: {fault.file}:{fault.line}\n  - {fault.before.strip()}\n  + {fault.after.strip()}",
                       flush=True)
         for file in sorted(+counted):
