@@ -21,15 +21,17 @@ fail() {
 }
 
 check_snippets() {
-  local line text file='' in_block=
+  local line text lines file='' in_block=
   while IFS= read -r line; do
     case $line in
-      '<!-- from '*' -->') file=${line#<!-- from } file=${file% -->} in_block= snippets=$((snippets + 1)) ;;
+      '<!-- from '*' -->')
+        file=${line#<!-- from } file=${file% -->} in_block= snippets=$((snippets + 1))
+        lines=$'\n'$(sed 's/^ *//' "$file")$'\n' ;;
       '    '*)
         if [ -n "$file" ]; then
           in_block=1
           text=${line#"${line%%[! ]*}"}
-          sed 's/^ *//' "$file" | grep -Fxq -- "$text" || fail "not in $file: $text"
+          [[ $lines == *$'\n'"$text"$'\n'* ]] || fail "not in $file: $text"
         fi ;;
       '') ;;
       *) [ -z "$in_block" ] || file= ;;

@@ -626,7 +626,7 @@ TEST_F(VideoTest, FrameReadersCutAsAReaderOfSingleBytesDoes) {
     const bool h265 = i % 2;
     const auto read = h265 ? UtilVideo_H265_ReadOneFrame : UtilVideo_H264_ReadOneFrame;
     const string content = elementary_stream(h265);
-    FILE* const file = QMX_FileOpen(dir.write("stream", content).c_str(), QMX_FILE_READ);
+    FILE* const file = QMX_FileOpen(dir.write(std::to_string(i), content).c_str(), QMX_FILE_READ);
     bool first_frame = chance(2);
     g_bFirstFrame = first_frame;
     size_t position = 0;

@@ -40,7 +40,7 @@ int QMX_snprintf(char* buffer, uint32_t size, const char* format, ...) {
 }
 void QMX_ThreadSleep(int msec) {
   if (is("sleep signals do")) return static_cast<void>(usleep(static_cast<unsigned>(msec) * 1000));
-  NEXT(QMX_ThreadSleep)(is("sleep QMX_ThreadSleep counts") ? msec * 1000 : msec);
+  NEXT(QMX_ThreadSleep)(is("sleep QMX_ThreadSleep counts") ? msec / 2 : msec);
 }
 
 FILE* QMX_FileOpen(const char* path, uint32_t mode) {

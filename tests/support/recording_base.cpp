@@ -106,7 +106,7 @@ void* new_block(bool failing, uint64_t size, bool clear) {
   if (failing) {
     errno = ENOMEM;
   } else if (Locked()->guard_pages) {
-    guarded = std::make_unique<GuardedBytes>(size);
+    guarded = std::make_unique<GuardedBytes>(size, true);
     block = guarded->data();
   } else {
     block = std::malloc(size + 1);
@@ -216,22 +216,34 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-GuardedBytes::GuardedBytes(size_t size) : size_(size) {
+// Mappings that were given back, by their size: making one takes the system longer than a test its use.
+static thread_local std::map<size_t, std::vector<uint8_t*>> spare_maps;
+
+GuardedBytes::GuardedBytes(size_t size, bool used_once) : used_once_(used_once), size_(size) {
   const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const size_t body = (size + page - 1) / page * page;
   map_size_ = page + body + page;
-  void* const map = mmap(nullptr, map_size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  require(map != MAP_FAILED, "mmap");
-  map_ = static_cast<uint8_t*>(map);
-  mprotect(map_ + page, body, PROT_READ | PROT_WRITE);
+  std::vector<uint8_t*>& spare = spare_maps[map_size_];
+  if (used_once || spare.empty()) {
+    void* const map = mmap(nullptr, map_size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    require(map != MAP_FAILED, "mmap");
+    map_ = static_cast<uint8_t*>(map);
+    mprotect(map_ + page, body, PROT_READ | PROT_WRITE);
+  } else {
+    map_ = spare.back();
+    spare.pop_back();
+  }
   data_ = map_ + page + body - size;
+  if (size > 0) std::memset(data_, 0, size);
 }
 
 GuardedBytes::GuardedBytes(const std::string& bytes) : GuardedBytes(bytes.size()) {
   std::memcpy(data_, bytes.data(), bytes.size());
 }
 
-GuardedBytes::~GuardedBytes() { munmap(map_, map_size_); }
+GuardedBytes::~GuardedBytes() {
+  used_once_ ? static_cast<void>(munmap(map_, map_size_)) : spare_maps[map_size_].push_back(map_);
+}
 
 }  // namespace qmxtest
 

@@ -138,11 +138,11 @@ void with_limit(__rlimit_resource resource, F call, rlim_t most = 0) {
 }
 
 // Bytes in a private mapping between unreadable pages, the second right after them: a step past the end
-// ends the test, and so does one before the beginning of whole pages.
+// ends the test, and so does one before the beginning of whole pages. Used once, so does one when they are gone.
 class GuardedBytes {
  public:
   explicit GuardedBytes(const std::string& bytes);
-  explicit GuardedBytes(size_t size);
+  explicit GuardedBytes(size_t size, bool used_once = false);
   ~GuardedBytes();
   GuardedBytes(const GuardedBytes&) = delete;
   GuardedBytes& operator=(const GuardedBytes&) = delete;
@@ -151,6 +151,7 @@ class GuardedBytes {
   uint32_t size() const { return static_cast<uint32_t>(size_); }
 
  private:
+  bool used_once_;
   uint8_t* map_;
   size_t map_size_;
   uint8_t* data_;
