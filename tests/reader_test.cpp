@@ -147,8 +147,7 @@ TEST_F(ReaderTest, ReadsWhatIsInAFile) {
 }
 
 // What ffmpeg does not write: runs without offsets, after the data of the track before; defaults of the
-// movie; composition before its time; no time; edits that leave out what lies between. What is not there whole
-// ends the recording.
+// movie; composition before its time; no time; edits that leave out what lies between; ends of what is whole.
 TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
   Mp4 mp4;
   mp4.chunks = {{{"table", 100}}};

@@ -138,7 +138,7 @@ void with_limit(__rlimit_resource resource, F call, rlim_t most = 0) {
 }
 
 // Bytes in a private mapping between unreadable pages, the second right after them: a step past the end
-// ends the test, and so does one before the beginning of whole pages. Used once, so does one when they are gone.
+// ends the test, and so does one before the beginning of whole pages. Those used once are unmapped after it.
 class GuardedBytes {
  public:
   explicit GuardedBytes(const std::string& bytes);
