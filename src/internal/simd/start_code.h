@@ -41,25 +41,43 @@ inline bool may_begin(const uint8_t* p, const uint8_t* end) {
   return has_such_pair(least_bytes);
 }
 
-// The first of the places p[0] to p[63] that begins a prefix, 64 when none does. Finds its 01: where zeros
-// are common, that is what is rare.
-inline size_t first_in_64(const uint8_t* p) {
-  const Bytes64 ends = equal(load64(p + 2), 1);
-  if (!any(ends)) return 64;
-  for (uint64_t rest = lane_bits(ends); rest != 0; rest &= rest - 1) {
-    const size_t i = static_cast<unsigned>(__builtin_ctzll(rest));
-    if (p[i] == 0 && p[i + 1] == 0) return i;
-  }
-  return 64;
-}
+// The first of the places [p, stop), a multiple of kAtOnce, that begins a prefix, or `stop`. Looks for its 01:
+// where zeros are common, that is what is rare.
+#if defined(QMX_NEON)
+constexpr ptrdiff_t kAtOnce = 64;
+constexpr ptrdiff_t kWithZeros = 1024;  // until the next look whether there are zeros at all
 
-// The same of the places p[0] to p[15].
+inline const uint8_t* first_with_zeros(const uint8_t* p, const uint8_t* stop) {
+  for (; p != stop; p += kAtOnce) {
+    const Bytes64 ends = equal(load64(p + 2), 1);
+    if (!any(ends)) continue;
+    for (uint64_t rest = lane_bits(ends); rest != 0; rest &= rest - 1) {
+      const uint8_t* const place = p + static_cast<unsigned>(__builtin_ctzll(rest));
+      if (place[0] == 0 && place[1] == 0) return place;
+    }
+  }
+  return stop;
+}
+#else
+// The C library's search has the widest vectors of the processor at hand.
+constexpr ptrdiff_t kAtOnce = 1;
+constexpr ptrdiff_t kWithZeros = 4096;
+
+inline const uint8_t* first_with_zeros(const uint8_t* p, const uint8_t* stop) {
+  for (;; ++p) {
+    const void* const one = std::memchr(p + 2, 1, static_cast<size_t>(stop - p));
+    if (one == nullptr) return stop;
+    p = static_cast<const uint8_t*>(one) - 2;
+    if (p[0] == 0 && p[1] == 0) return p;
+  }
+}
+#endif
+
+// The first of the places p[0] to p[15] that begins a prefix, 16 when none does.
 inline size_t first_in_16(const uint8_t* p) {
   const Bytes16 prefixes = equal(load16(p) | load16(p + 1) | (load16(p + 2) ^ 1), 0);
   return any(prefixes) ? first_lane(lane_mask(prefixes)) : 16;
 }
-
-constexpr ptrdiff_t kWithZeros = 1024;  // a multiple of 64
 
 inline size_t find_start_code_prefix(const uint8_t* data, size_t from, size_t length) {
   if (length < from + 18) return plain::find_start_code_prefix(data, from, length);
@@ -71,11 +89,10 @@ inline size_t find_start_code_prefix(const uint8_t* data, size_t from, size_t le
       continue;
     }
     // Zeros are about, and likely to go on: for a while only the 01 is looked for.
-    const uint8_t* const stop = p + std::min<ptrdiff_t>(kWithZeros, (end - p - 2) / 64 * 64);
-    for (; p != stop; p += 64) {
-      const size_t place = first_in_64(p);
-      if (place < 64) return static_cast<size_t>(p - data) + place;
-    }
+    const uint8_t* const stop = p + std::min(kWithZeros, (end - p - 2) / kAtOnce * kAtOnce);
+    p = first_with_zeros(p, stop);
+    if (p != stop) return static_cast<size_t>(p - data);
+    if (end - p == 2) return length;
   }
   if (end - p < 18) p = end - 18;  // some places for the second time
   if (!may_begin(p, end)) return length;
