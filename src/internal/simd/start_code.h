@@ -41,8 +41,8 @@ inline bool may_begin(const uint8_t* p, const uint8_t* end) {
   return has_such_pair(least_bytes);
 }
 
-// The first of the places [p, stop), a multiple of kAtOnce, that begins a prefix, or `stop`. Looks for its 01:
-// where zeros are common, that is what is rare.
+// The first of the places [p, stop), a multiple of kAtOnce, that begins a prefix, or `stop`. Looks for its
+// 01: where zeros are common, that is what is rare.
 #if defined(QMX_NEON)
 constexpr ptrdiff_t kAtOnce = 64;
 constexpr ptrdiff_t kWithZeros = 1024;  // until the next look whether there are zeros at all
