@@ -106,7 +106,7 @@ bool read_stream(Source& in, const Chunk& strl, AviStream& stream) {
 bool read_header_list(Source& in, const Chunk& hdrl, QMXReaderInfo& info, AviStream& stream) {
   uint8_t avih[20];
   uint32_t frames = 0, frame_us = 0, streams = 0;
-  bool has_avih = false, has_stream = false;
+  bool has_avih = false;
   Chunk chunk, dmlh;
   for (uint64_t at = first_chunk(hdrl); read_chunk(in, at, hdrl.end, chunk); at = chunk.next) {
     const uint32_t type = list_type(in, chunk);
@@ -118,10 +118,9 @@ bool read_header_list(Source& in, const Chunk& hdrl, QMXReaderInfo& info, AviStr
     } else if (type == fourcc("strl")) {
       AviStream found = {};
       found.number = streams++;
-      if (!has_stream && read_stream(in, chunk, found)) {
+      if (stream.rate == 0 && read_stream(in, chunk, found)) {
         if (found.rate == 0 || found.scale == 0) return false;
         stream = found;
-        has_stream = true;
       }
     } else if (type == fourcc("odml")) {  // the frames of all RIFFs, where avih counts those of the first
       uint8_t total[4];
@@ -134,7 +133,6 @@ bool read_header_list(Source& in, const Chunk& hdrl, QMXReaderInfo& info, AviStr
     }
   }
   info.durationMs = to_32_bits(scaled(frames, frame_us, 1000));
-  info.userDataPresent = has_stream;
   return has_avih;
 }
 
@@ -167,15 +165,16 @@ bool next_in_old_index(Source& in, AviStream& stream, Place& place) {
   return false;
 }
 
-// A stream's indices lie one after another, as they were written: none is read twice.
+// A stream's indices lie one after another, as they were written; one that does not is passed over.
 bool next_in_stream_index(Source& in, AviStream& stream, Place& place) {
   uint8_t entry[16];
   while (!stream.index.take(in, entry, 8)) {  // dwOffset of the payload, dwSize
     Chunk chunk;
     IndexHeader header;
     if (!stream.indices.take(in, entry, 16)) return false;  // qwOffset, dwSize, dwDuration
-    if (le64(entry) < stream.index_end || !read_chunk(in, le64(entry), in.size, chunk) ||
-        !read_index(in, chunk, header) || header.is_of_indices) {
+    if (le64(entry) < stream.index_end) continue;
+    if (!read_chunk(in, le64(entry), in.size, chunk) || !read_index(in, chunk, header) ||
+        header.is_of_indices) {
       return false;
     }
     stream.index = header.entries;
@@ -187,16 +186,18 @@ bool next_in_stream_index(Source& in, AviStream& stream, Place& place) {
   return true;
 }
 
-// So do a stream's chunks: an entry that leads back, or out of the file, ends the index.
+// So do a stream's chunks: an entry that leads back, or out of the file, ends the index. Where it tells of
+// no bytes it needs no chunk.
 bool next_in_index(Source& in, AviStream& stream, Place& place) {
   const bool found =
       stream.is_old ? next_in_old_index(in, stream, place) : next_in_stream_index(in, stream, place);
-  if (!found || place.at < stream.walk_at || place.at > in.size ||
-      in.size - place.at < uint64_t{kHeaderSize} + place.size) {
-    return false;
+  if (!found) return false;
+  const uint64_t whole_size = uint64_t{kHeaderSize} + place.size;
+  if (place.at < stream.walk_at || place.at > in.size || in.size - place.at < whole_size) {
+    return place.size == 0;
   }
   stream.last_indexed = place.at;
-  stream.walk_at = place.at + kHeaderSize;
+  stream.walk_at = place.at + whole_size;
   return true;
 }
 
@@ -204,8 +205,6 @@ bool next_in_movie_lists(Source& in, AviStream& stream, Place& place) {
   for (Chunk chunk; read_chunk(in, stream.walk_at, in.size, chunk);) {
     const uint32_t type = list_type(in, chunk);
     const bool is_open = type == fourcc("AVIX") || type == fourcc("movi") || type == fourcc("rec ");
-    const bool is_cut_off = chunk.size == 0 || !chunk.is_whole();
-    stream.was_cut_off = stream.was_cut_off || (is_open && is_cut_off);
     stream.walk_at = is_open ? first_chunk(chunk) : chunk.next;
     if (!belongs_to(chunk.name, stream.number) || !chunk.is_whole()) continue;
     place = {chunk.begin - kHeaderSize, chunk.size};
@@ -238,8 +237,8 @@ bool next_record(Source& in, AviStream& stream, Place& place) {
   return false;
 }
 
-uint64_t ticks_to_ms(const AviStream& stream) {
-  return scaled(stream.ticks, uint64_t{1000} * stream.scale, stream.rate);
+uint64_t to_ms(const AviStream& stream, uint64_t ticks) {
+  return scaled(ticks, uint64_t{1000} * stream.scale, stream.rate);
 }
 
 }  // namespace
@@ -250,7 +249,7 @@ bool AviStream::open(Source& in, QMXReaderInfo& info) {
   if (!find_list(in, kFirstChunk, fourcc("hdrl"), list) || !read_header_list(in, list, info, *this))
     return false;
   walk_at = in.size;
-  if (!info.userDataPresent || !find_list(in, list.next, fourcc("movi"), list)) return true;
+  if (rate == 0 || !find_list(in, list.next, fourcc("movi"), list)) return true;
   walk_at = list.begin - kHeaderSize;
   if (index.count == 0 && indices.count == 0) {
     for (uint64_t at = list.next; read_chunk(in, at, in.size, chunk); at = chunk.next) {
@@ -260,10 +259,13 @@ bool AviStream::open(Source& in, QMXReaderInfo& info) {
     }
   }
   AviStream counting = *this;
-  for (Place place; next_record(in, counting, place); pass(counting, place.size)) ++info.userDataCount;
-  if (info.durationMs == 0 || counting.was_cut_off) {  // the header was not written again
-    info.durationMs = std::max(info.durationMs, to_32_bits(ticks_to_ms(counting)));
+  uint64_t last = 0;
+  for (Place place; next_record(in, counting, place); pass(counting, place.size)) {
+    ++info.userDataCount;
+    last = counting.ticks;
   }
+  // The header of a recording that was cut off tells of what was written until then, or of nothing.
+  info.durationMs = std::max(info.durationMs, to_32_bits(to_ms(*this, last)));
   return true;
 }
 
@@ -273,7 +275,7 @@ bool AviStream::next(Source& in, Record& record) {
   Chunk chunk;
   const bool there =
       read_chunk(in, place.at, in.size, chunk) && belongs_to(chunk.name, number) && chunk.is_whole();
-  if (there) record = {chunk.begin, chunk.size, ticks_to_ms(*this)};
+  if (there) record = {chunk.begin, chunk.size, to_ms(*this, ticks)};
   pass(*this, there ? chunk.size : place.size);
   return there;
 }

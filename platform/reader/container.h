@@ -152,7 +152,6 @@ struct AviStream {
   uint64_t last_indexed;
   bool index_ended;
   uint64_t walk_at;
-  bool was_cut_off;
 
   uint64_t ticks;  // of the chunk that comes next
 

@@ -410,7 +410,10 @@ bool IsoTrack::open(Source& in, QMXReaderInfo& info) {
     IsoTrack counting = *this;
     uint64_t count = table.samples_left;
     counting.table.samples_left = 0;
-    for (Record record; counting.next(in, record);) ++count;
+    for (Record record; counting.next(in, record);) {
+      ++count;
+      duration_ms = std::max(duration_ms, record.time_ms);
+    }
     info.userDataCount = to_32_bits(count);
   }
   info.durationMs = to_32_bits(duration_ms);
