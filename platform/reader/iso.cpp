@@ -363,6 +363,7 @@ bool read_trak(Source& in, const Box& trak, const Box& mdia, IsoTrack& track) {
       !read_elst(in, elst, track.edits)) {
     return false;
   }
+  // The tables end at the duration; there the fragments go on.
   return find(in, mdia, fourcc("mdhd"), mdhd) && read_time_header(in, mdhd, track.timescale, track.time);
 }
 
@@ -373,49 +374,58 @@ bool read_sample_table(Source& in, const Box& mdia, IsoTrack& track) {
          read_stbl(in, stbl, track.table);
 }
 
+// ---- Movie
+
+// mvhd, and mvex where there are fragments, whose duration may be in mehd.
+bool read_movie(Source& in, const Box& moov, IsoTrack& movie, uint64_t& duration_ms) {
+  Box mvhd, mehd;
+  uint64_t duration;
+  if (!find(in, moov, fourcc("mvhd"), mvhd) || !read_time_header(in, mvhd, movie.movie_timescale, duration)) {
+    return false;
+  }
+  if (find(in, moov, fourcc("mvex"), movie.mvex) && find(in, movie.mvex, fourcc("mehd"), mehd)) {
+    duration = std::max(duration, Fields(in, mehd).time());
+  }
+  duration_ms = scaled(duration, 1000, movie.movie_timescale);
+  movie.fragments.file = {moov.end, in.size};
+  movie.fragments.room = in.size;
+  return true;
+}
+
+// Those of the tables are as many as these say; those of the fragments are looked at.
+uint64_t count_samples(Source& in, IsoTrack& track, uint64_t& duration_ms) {
+  uint64_t count = track.table.samples_left;
+  track.fragments.room -= std::min(track.fragments.room, count);
+  IsoTrack counting = track;
+  counting.table.samples_left = 0;
+  for (Record record; counting.next(in, record); ++count) {
+    duration_ms = std::max(duration_ms, record.time_ms);
+  }
+  return count;
+}
+
 }  // namespace
 
 bool IsoTrack::open(Source& in, QMXReaderInfo& info) {
   Box moov, box, mdia;
   IsoTrack movie = {};
-  uint64_t duration;
-  uint64_t fragment_duration = 0;
-  if (!find(in, {0, 0, in.size}, fourcc("moov"), moov) || !find(in, moov, fourcc("mvhd"), box) ||
-      !read_time_header(in, box, movie.movie_timescale, duration)) {
+  uint64_t duration_ms;
+  if (!find(in, {0, 0, in.size}, fourcc("moov"), moov) || !read_movie(in, moov, movie, duration_ms)) {
     return false;
   }
-  if (find(in, moov, fourcc("mvex"), movie.mvex) && find(in, movie.mvex, fourcc("mehd"), box)) {
-    fragment_duration = Fields(in, box).time();
-  }
-  movie.fragments.file = {moov.end, in.size};
-  movie.fragments.room = in.size;
-
-  uint64_t duration_ms = scaled(std::max(duration, fragment_duration), 1000, movie.movie_timescale);
   bool found = false;
   for (BoxList list = {moov.begin, moov.end}; list.next(in, box);) {
     if (box.type != fourcc("trak") || !find(in, box, fourcc("mdia"), mdia)) continue;
     IsoTrack track = movie;
     const bool is_wanted = !found && is_metadata_track(in, mdia);
     const bool is_whole = read_trak(in, box, mdia, track);
-    if (is_whole && fragment_duration == 0) {
-      duration_ms = std::max(duration_ms, end_of_fragments_ms(in, track));
-    }
+    if (is_whole) duration_ms = std::max(duration_ms, end_of_fragments_ms(in, track));
     if (!is_wanted) continue;
     if (!is_whole || !read_sample_table(in, mdia, track)) return false;
     *this = track;
     found = true;
   }
-  if (found) {
-    fragments.room -= std::min<uint64_t>(fragments.room, table.samples_left);
-    IsoTrack counting = *this;
-    uint64_t count = table.samples_left;
-    counting.table.samples_left = 0;
-    for (Record record; counting.next(in, record);) {
-      ++count;
-      duration_ms = std::max(duration_ms, record.time_ms);
-    }
-    info.userDataCount = to_32_bits(count);
-  }
+  if (found) info.userDataCount = to_32_bits(count_samples(in, *this, duration_ms));
   info.durationMs = to_32_bits(duration_ms);
   if (find(in, moov, fourcc("udta"), box) && find(in, box, kMetadataName, box)) {
     read_metadata(in, box.begin, box.end - box.begin, info);

@@ -107,8 +107,9 @@ struct Avi {
       std::string places, old_places;
       const auto add = [&](const std::string& name, const std::string& payload) {
         const size_t from = index == kOldAbsolute ? 0 : movi + 8;
-        old_places += name + le(0, 4) + le(out.size() - from, 4) + le(payload.size(), 4);
-        if (name == "01tx") places += le(out.size() + 8 - movi, 4) + le(payload.size() | 1u << 31, 4);
+        const size_t at = payload.empty() ? from : out.size();  // no bytes are nowhere
+        old_places += name + le(0, 4) + le(at - from, 4) + le(payload.size(), 4);
+        if (name == "01tx") places += le(at + 8 - movi, 4) + le(payload.size() | 1u << 31, 4);
         out += chunk(name, payload);
       };
       for (const size_t end = part == riffs - 1 ? records.size() : in_first_riff; record < end; ++record) {
