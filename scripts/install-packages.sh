@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages_for() {
   case "$1" in
-    build) echo g++ cmake ninja-build pkg-config libcli11-dev libgtest-dev libgmock-dev ;;
+    build) echo g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev ;;
     bench) echo libbenchmark-dev libssl-dev libglib2.0-dev libinih-dev libavcodec-dev \
       libgstreamer-plugins-bad1.0-dev ;;
     fuzz) echo clang libclang-rt-14-dev ;;

@@ -1,8 +1,10 @@
-// JSON as the subcommands print it (RFC 8259): members stay in the order in which they came.
+// JSON as the subcommands print it: members stay in the order in which they came. The library that writes it
+// takes long to compile, and is included in one file alone.
 #pragma once
 
 #include <concepts>
 #include <initializer_list>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,7 +30,7 @@ class Json {
 
  private:
   enum class Kind { kPlain, kText, kArray, kObject };
-  void write(std::string& to, const std::string& line_break, const char* colon) const;
+  nlohmann::ordered_json as_library() const;
 
   Kind kind_ = Kind::kPlain;
   std::string text_ = "null";

@@ -8,7 +8,7 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=c6396ab22d0e2f04101533d105ab54fa"
 # The archive lies beside this recipe, in the folder files: git archive --prefix=qmxutil-1.0.0/ HEAD
 SRC_URI = "file://${BP}.tar.gz"
 
-DEPENDS = "cli11"
+DEPENDS = "cli11 nlohmann-json"
 
 inherit cmake bash-completion
 
