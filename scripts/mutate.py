@@ -97,12 +97,15 @@ class Build:
         subprocess.run(["cmake", "-S", root, "-B", self.folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                         "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1", "-DQMX_BUILD_EXAMPLES=OFF"],
                        check=True, stdout=subprocess.DEVNULL)
-        self.make("src/all", "qmxutil_plain_objects", "platform/all", "tests/all", "qmxutil_command", check=True)
+        self.make("src/all", "qmxutil_plain_objects", "platform/all", "tests/all", "fuzz/all", "qmxutil_command",
+                  check=True)
         self.made = {path: path.stat().st_mtime_ns for path in self.compiled()}
         shutil.copytree(self.folder, root / "made", symlinks=True)
         self.tests = {path.name: Test(path.name, path, [path, "--gtest_fail_fast", "--gtest_brief=1"])
                       for path in sorted((self.folder / "tests").iterdir())
                       if re.search(r"_test(_plain)?$", path.name)}
+        for path in sorted((self.folder / "fuzz").glob("*_seeds")):
+            self.tests[path.name] = Test(path.name, path, [path, root / "fuzz" / "corpus" / path.name[:-6]])
         tool, deviating = self.folder / "tools" / "qmxutil", self.folder / "tests" / "deviating_command"
         recording = root / "tests" / "data" / "timed-metadata.mov"
         self.tests["basecheck"] = Test("qmxutil_command", tool, [

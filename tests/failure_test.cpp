@@ -60,8 +60,9 @@ const string kHvcc = hex("0101600000009000000000005D");
 const string kHvccArrays = hex("01200001000440010C01");
 const string kHvccWhole = kHvcc + string(9, 0) + kHvccArrays;
 const string kParameterSets =
-    hex("0000000140010C01") + string(20, 1) + hex("0000000142010101") + string(20, 1) + hex("000000014401C1");
-const string kSequence = hex("000001B3160120C401A01FA0");
+    hex("00000001 40010C01FFFF 2160000000 900000000000 7BA024"
+        "00000001 420101 6120000000 900000000000 5DA003C08010E4 00000001 4401C1");
+const string kSequence = hex("000001B3 160120C401A01FA0 000001B5 148A0001000009");
 const string kVol = hex("0000012000845D4C28582120A31F0000");
 
 // What a header parser fills.
@@ -267,7 +268,7 @@ string failing(const Case& c, Op op, int n) {
     if (state() != before) line += " | changed";
   });
   EXPECT_EQ(recording().held(), 0) << line;
-  line = std::regex_replace(line, std::regex("\n"), "");
+  line = std::regex_replace(line, std::regex("\n"), "/");
   return std::regex_replace(line, std::regex("/tmp/qmxutil-test-......"), "DIR");
 }
 

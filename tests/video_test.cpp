@@ -279,29 +279,21 @@ TEST_F(VideoTest, H265ParameterSetsAreLocatedAndRead) {
   }
 }
 
-TEST_F(VideoTest, WhatWasParsedIsTracedAndThatThereIsNothing) {
-  const GuardedBytes stream(kStartCode + hex("42010101 60000000 90000000 00005D A003C08010E4"));
-  H265ParamSetInfo info = {};
-  UtilConvH265InfoFromStartCode(stream.data(), static_cast<int32_t>(stream.size()), &info);
-  const H265ParamSetInfo before = info;
+TEST_F(VideoTest, ThatThereIsNothingIsTraced) {
+  const H265ParamSetInfo before = marked<H265ParamSetInfo>();
+  H265ParamSetInfo info = before;
   uint32_t length = 7;
+  uint8_t none = 0;
   UtilConvH265InfoFromStartCode(nullptr, 9, &info);
-  for (const int32_t no_bytes : {0, -1}) UtilConvH265InfoFromStartCode(stream.data(), no_bytes, &info);
+  for (const int32_t no_bytes : {0, -1}) UtilConvH265InfoFromStartCode(&none, no_bytes, &info);
   UtilConvH264InfoFromStartCode(nullptr, 9, nullptr, &length, nullptr);
-  UtilConvH264InfoFromStartCode(stream.data(), 0, nullptr, &length, nullptr);
+  UtilConvH264InfoFromStartCode(&none, 0, nullptr, &length, nullptr);
   EXPECT_TRUE(equal(info, before) && length == 7);
   string text;
-  for (const auto& trace : recording().traces()) {
-    text += trace.level == 1 ? trace.function.substr(8, 4) + trace.text : trace.text;
-    EXPECT_EQ(trace.module, "utilvideo");
-  }
-  string flags = "0 1 1 ";
-  for (int j = 3; j < 32; ++j) flags += "0 ";
-  const string dashes(49, '-'), none = "No codec data!\n";
-  EXPECT_EQ(text, "\n--- SPS PARSED " + dashes.substr(14) +
-                      "\nprofile_space 0, tier_flag 0, profile_idc 1, level_idc 93\n" + flags +
-                      "\nsps_id 0, chroma_format 1, width 1920, height 1080\n" + dashes + "\nH265" + none +
-                      "H265" + none + "H265" + none + "H264" + none + "H264" + none);
+  for (const auto& trace : recording().traces())
+    text += trace.module + trace.function.substr(8, 4) + trace.text;
+  const string h264 = "utilvideoH264No codec data!\n", h265 = "utilvideoH265No codec data!\n";
+  EXPECT_EQ(text, h265 + h265 + h265 + h264 + h264);
 }
 
 // ---- Configuration records and samples
@@ -439,17 +431,8 @@ TEST_F(VideoTest, MpegSequenceHeaders) {
     }
     const GuardedBytes data(plain_bytes(below(20)) + header.bytes + hex("00 00 01 B2 41") +
                             (chance(2) ? other.bytes : "") + extension.bytes);
-    recording().clear_calls();
     EXPECT_EQ(UtilGetMPEG12Info(data.data(), data.size(), &info), 1);
     EXPECT_TRUE(equal(info, want)) << "case " << i;
-    const std::vector<string> calls = recording().calls();
-    for (size_t k = 0; k < calls.size(); ++k) {  // one reader is open at a time, and each may not be had
-      EXPECT_EQ(calls[k].starts_with("BitOpen"), k % 2 == 0);
-      if (k % 2 == 0) recording().fail(Op::kBitOpen, 1 + static_cast<int>(k / 2));
-      info = marked<VideoInfo>();
-      EXPECT_EQ(UtilGetMPEG12Info(data.data(), data.size(), &info), k % 2);
-      EXPECT_EQ(equal(info, marked<VideoInfo>()), k % 2 == 0);
-    }
   }
   VideoInfo info = marked<VideoInfo>();
   EXPECT_EQ(UtilGetMPEG12Info(reinterpret_cast<const uint8_t*>("\0\1\xB3\x16\0\xF0"), 6, &info), 0);
