@@ -310,7 +310,6 @@ TEST_F(UsageTest, MemoryReportsListTypesAndItems) {
 
 TEST_F(UsageTest, ThreadsAddSideBySide) {
   ASSERT_EQ(QMXUTIL_UsageMemOpen((folder_ + "/report").c_str()), 1);
-  recording().use_guard_pages(false);
   std::vector<std::thread> threads;
   for (const char* type : {"a", "b", "c", "c"}) {
     threads.emplace_back([type] {

@@ -73,8 +73,7 @@ struct Model {
 };
 
 TEST_F(UserDataTest, RandomRecordingsAndCallSequencesAgreeWithAModel) {
-  recording().use_guard_pages(false);
-  for (int round = 0; round < 4000; ++round) {
+  for (int round = 0; round < 1500; ++round) {
     std::vector<int64_t> times(1 + below(12));
     const bool sorted = chance(2);
     int64_t time = 0;

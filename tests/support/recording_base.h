@@ -81,9 +81,6 @@ class RecordingBase {
   std::string failed_call() const;  // as calls() has it; empty while it has not come to that
   void stop_failing();
 
-  // Blocks end at an unreadable page and are unmapped when freed. Switch off for very many blocks.
-  void use_guard_pages(bool on);
-
   // Streams are read and written by these from now on; null: as the stand-in does.
   void transfer_with(decltype(&QMX_FileRead) read, decltype(&QMX_FileWrite) write);
 
@@ -102,10 +99,7 @@ RecordingBase& recording();
 // A test that begins with a fresh recording and must end with nothing held.
 class BaseTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    recording().reset();
-    random_words.seed(1);
-  }
+  void SetUp() override { recording().reset(); }
   void TearDown() override { EXPECT_EQ(recording().held(), 0) << "not given back to the base library"; }
 };
 
@@ -137,8 +131,9 @@ void with_limit(__rlimit_resource resource, F call, rlim_t most = 0) {
   setrlimit(resource, &usual);
 }
 
-// Bytes in a private mapping between unreadable pages, the second right after them: a step past the end
-// ends the test, and so does one before the beginning of whole pages. Those used once are unmapped after it.
+// Bytes in a private mapping between unreadable pages, the second right after them: a step past the end ends
+// the test. Of every eighth buffer the first lies right before them, which a step before the beginning shows.
+// Buffers used once are unmapped after it.
 class GuardedBytes {
  public:
   explicit GuardedBytes(const std::string& bytes);
