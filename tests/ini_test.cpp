@@ -263,7 +263,8 @@ TEST_F(IniTest, RandomFilesReadSearchWriteAndCommitAsTheModelDoes) {
       size_t cursor = 0;
       for (Step step = {1, 0, "", ""}; std::get<0>(step) == 1;) {
         step = model_step(now, cursor);
-        GuardedBytes key(std::get<2>(step).size() + 1), value(std::get<3>(step).size() + 1);
+        const GuardedBytes key(string(std::get<2>(step).size() + 1, 0)),
+            value(string(std::get<3>(step).size() + 1, 0));
         uint8_t is_pair = 2;
         const int result = QMXUtil_INIParseLine(handle, key.text(), value.text(), &is_pair);
         EXPECT_EQ((Step{result, is_pair, key.text(), value.text()}), step);

@@ -261,10 +261,14 @@ TEST_F(TextTest, HexadecimalText) {
     ASSERT_EQ(QMXUtil_ConvStrToBin(in_place.text(), 2 * size, in_place.data()), size);
     ASSERT_EQ(content_of(in_place), content + digits.substr(size));
   }
-  const GuardedBytes odd("00ff7Fg:/a`G9"), out(6);  // values of characters that are no digits, too
+  string digits, lower, bytes;
+  for (int i = 0; i < 4; ++i) {  // values of characters that are no digits, too
+    digits += "00ff7Fg:/a`G", lower += "00ff7fg:/a`g", bytes += hex("00 FF 7F 7A FA 37");
+  }
+  const GuardedBytes odd(digits + "9"), out(24);
   EXPECT_EQ(take(QMXUtil_ConvBinToStr(reinterpret_cast<const uint8_t*>("\0\n\xFF"), 3)), "000aff");
-  EXPECT_EQ(QMXUtil_ConvStrToBin(odd.text(), odd.size(), out.data()), 6u);
-  EXPECT_EQ(content_of(out) + content_of(odd), hex("00 FF 7F 7A FA 37") + "00ff7fg:/a`g9");
+  EXPECT_EQ(QMXUtil_ConvStrToBin(odd.text(), odd.size(), out.data()), 24u);
+  EXPECT_EQ(content_of(out) + content_of(odd), bytes + lower + "9");
 }
 
 TEST_F(TextTest, StartCodeSearchesAgreeWithAPlainScan) {

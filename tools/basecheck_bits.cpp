@@ -63,7 +63,12 @@ void expect_reads(uint32_t beyond_end) {
 }
 
 void bits_in_order() { expect_reads(0); }
-void missing_bits() { expect_reads(400); }
+void missing_bits() {
+  expect_reads(400);
+  QMXBit* const none = QMXBitOpen(nullptr, 0);
+  expect(none != nullptr && QMXBitGetBit(none, 8) == 0xFF,
+         "without a buffer there is no handle, or other bits");
+}
 
 void no_bits() {
   const Guarded bytes("\xA5");
@@ -239,7 +244,12 @@ void expect_bytes(uint64_t beyond_end, bool tell_missing) {
 }
 
 void bytes_in_order() { expect_bytes(0, false); }
-void missing_bytes() { expect_bytes(UINT64_C(2) << 32, false); }
+void missing_bytes() {
+  int error = 0;
+  expect_bytes(UINT64_C(2) << 32, false);
+  QMXByte* const none = QMXByte_Open(nullptr, 0);
+  expect(none != nullptr && QMXByte_Get_char(none, &error) == 0, "without a buffer there is no handle");
+}
 void missing_bytes_told() { expect_bytes(20, true); }
 
 void bytes_outside() {

@@ -106,7 +106,7 @@ void* new_block(bool failing, uint64_t size, bool clear) {
   }
   auto guarded = std::make_unique<GuardedBytes>(size, true);
   void* const block = guarded->data();
-  std::memset(block, clear ? 0 : 0xA5, size);
+  if (clear) std::memset(block, 0, size);
   Locked()->blocks[block] = std::move(guarded);
   return block;
 }
@@ -228,7 +228,7 @@ GuardedBytes::GuardedBytes(size_t size, bool used_once) : used_once_(used_once),
     spare.pop_back();
   }
   data_ = map_ + page + (++buffers % 8 == 0 && !used_once ? 0 : body - size);
-  if (size > 0) std::memset(data_, 0, size);
+  if (size > 0) std::memset(data_, 0xA5, size);
 }
 
 GuardedBytes::GuardedBytes(const std::string& bytes) : GuardedBytes(bytes.size()) {
