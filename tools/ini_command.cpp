@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,11 +20,13 @@ struct CloseIni {
 };
 using Ini = std::unique_ptr<INIHandle, CloseIni>;
 
+constexpr char kWhiteSpace[] = " \t\n\v\f\r";
+
 struct Pair {
   std::string key;
   std::string value;
-
-  bool operator==(const Pair&) const = default;
+  size_t begin;  // of the key in the text
+  size_t value_at;
 };
 using Pairs = std::vector<Pair>;
 
@@ -54,12 +58,19 @@ bool search(const Ini& ini, const std::string& key, std::string& value) {
   return found;
 }
 
+std::string text_of(const Ini& ini) { return ini->text == nullptr ? "" : ini->text; }
+
 Pairs all_pairs(const Ini& ini) {
   Pairs pairs;
+  const std::string text = text_of(ini);
   std::vector<char> key = room_for(ini), value = room_for(ini);
   uint8_t is_pair = 0;
-  while (ini->cursor != nullptr && QMXUtil_INIParseLine(ini.get(), key.data(), value.data(), &is_pair) == 1) {
-    if (is_pair) pairs.push_back({key.data(), value.data()});
+  while (ini->cursor != nullptr) {
+    const size_t begin = text.find_first_not_of(kWhiteSpace, static_cast<size_t>(ini->cursor - ini->text));
+    if (QMXUtil_INIParseLine(ini.get(), key.data(), value.data(), &is_pair) != 1) break;
+    if (!is_pair) continue;
+    const size_t sign = text.find('=', begin);
+    pairs.push_back({key.data(), value.data(), begin, text.find_first_not_of(" \t", sign + 1)});
   }
   QMXUtil_INIReset(ini.get());
   return pairs;
@@ -92,20 +103,37 @@ void list(const IniOptions& options) {
   }
 }
 
-// What the pairs become when only the named one changes: the value of the first with this key, or one more
-// pair.
-bool is_only_change(const Pairs& before, const Pairs& after, const IniOptions& options) {
-  const auto has_key = [&](const Pair& pair) { return pair.key == options.key; };
-  const auto place = std::ranges::find_if(after, has_key) - after.begin();
-  if (place == std::ssize(after) || after[static_cast<size_t>(place)].value != options.value) return false;
-  Pairs others_before = before, others_after = after;
-  others_after.erase(others_after.begin() + place);
-  const auto old = std::ranges::find_if(others_before, has_key);
-  if (old != others_before.end()) {
-    if (old - others_before.begin() != place) return false;
-    others_before.erase(old);
+// Whether other readers of INI files take the line of a pair for more of the value above it, because it is
+// indented deeper, or the line below for more of this one, because of a backslash.
+bool is_part_of_longer_value(const std::string& text, const Pair& pair) {
+  if (pair.value.ends_with('\\')) return true;
+  size_t indent_above = text.npos;
+  std::istringstream lines(text.substr(0, pair.begin));
+  for (std::string line; std::getline(lines, line);) {
+    const size_t indent = line.find_first_not_of(kWhiteSpace);
+    if (indent == line.npos || line[indent] == '#' || line[indent] == ';') continue;
+    indent_above = line[indent] == '[' ? text.npos : indent;
   }
-  return others_before == others_after;
+  return pair.begin - (text.rfind('\n', pair.begin) + 1) > indent_above;
+}
+
+// The text when nothing but the named pair changes: the value of the first with this key, or one more line.
+std::optional<std::string> with_only_change(const Ini& ini, const IniOptions& options) {
+  std::string text = text_of(ini);
+  const Pairs pairs = all_pairs(ini);
+  const auto old = std::ranges::find(pairs, options.key, &Pair::key);
+  if (old == pairs.end()) {
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    return text + options.key + " = " + options.value;
+  }
+  if (is_part_of_longer_value(text, *old)) return std::nullopt;
+  return text.replace(std::min(old->value_at, text.size()), old->value.size(), options.value);
+}
+
+// White space at the end of a text means nothing to anybody.
+bool is_same_text(std::string a, std::string b) {
+  for (std::string* const text : {&a, &b}) text->resize(text->find_last_not_of(kWhiteSpace) + 1);
+  return a == b;
 }
 
 // The library reads up to the first zero byte and would drop what is after it, which in a fixed-size file is
@@ -157,7 +185,11 @@ bool is_set(const IniOptions& options) {
   const Ini ini(QMXUtil_INIOpen(options.file.c_str()));
   std::string value;
   if (ini == nullptr || !search(ini, options.key, value) || value != options.value) return false;
-  if (options.fixed_size > ini->fileSize) return false;
+  if (options.fixed_size > ini->fileSize) {
+    throw CommandError(options.file +
+                       ": the value is there already, and nothing is written: the file stays at " +
+                       std::to_string(ini->fileSize) + " bytes");
+  }
   print_set(options, ini, options.fixed_size != 0, false);
   return true;
 }
@@ -169,12 +201,12 @@ void set(const IniOptions& options) {
   const NewFile created(options.file);
   const INIAttr attr = {1, options.fixed_size, options.lock};
   Ini ini = require_open(Ini(QMXUtil_INIOpenEx(options.file.c_str(), &attr)), options.file);
-  const Pairs before = all_pairs(ini);
+  const std::optional<std::string> wanted = with_only_change(ini, options);
   std::string read_back;
-  const bool changed = !hides_text(ini, options.file) &&
+  const bool changed = wanted && !hides_text(ini, options.file) &&
                        QMXUtil_INIWrite(ini.get(), options.key.c_str(), options.value.c_str()) == 1 &&
-                       is_only_change(before, all_pairs(ini), options) &&
-                       search(ini, options.key, read_back) && read_back == options.value;
+                       is_same_text(text_of(ini), *wanted) && search(ini, options.key, read_back) &&
+                       read_back == options.value;
   if (!changed) {
     ini->modified = 0;  // the close is not to write it
     ini.reset();
@@ -182,12 +214,12 @@ void set(const IniOptions& options) {
     throw CommandError(options.file + ": '" + options.key + " = " + options.value +
                        "' would not read back, or would change more than this key: left unchanged");
   }
-  const std::string text(ini->text, static_cast<size_t>(ini->length));
+  const std::string text = text_of(ini);
   const bool fixed = ini->fixedMode != 0;
   ini.reset();
 
   const Ini now = open_to_read(options.file);
-  if (now->text == nullptr || text != now->text) {
+  if (text != text_of(now)) {
     require_file(options.file, O_WRONLY);
     throw CommandError(options.file + ": the change did not reach the file");
   }
