@@ -78,13 +78,17 @@ printf '\0\0\0\020ftypisom\0\0\0\0\0\0\0\010mdat' | recognised mp4
 printf 'RIFF\0\0\0\0AVI LIST' | recognised avi
 printf '\x1A\x45\xDF\xA3\x80V_MPEG4/ISO/AVC' | recognised matroska
 printf 'G%0187d' 0 0 0 0 0 | recognised mpegts
-printf '\xFF\xF1\x50\x80\x01\x1F\xFC\0' | recognised adts
+printf 'ID3\4\0\0\0\0\0\0\xFF\xF1\x50\x80\x01\x1F\xFC\0' | recognised adts
 { head -c 4 h264-high.avcc; printf '\3\1'; tail -c +7 h264-high.avcc; } | recognised avcc
 { head -c 22 h265-main.hvcc; printf '\0'; } | recognised hvcc
 printf '\0\0\1\xB3\x14\0\xF0\0\xFF\xFF\xE0\xA0\0\0\0\1\1\x21' >"$work/no-rate.m2v"
 tail -c +100 mp3-44100-plain.mp3 >"$work/late.mp3"
 head -c 41 h264-high.avcc >"$work/cut.avcc"
-for file in "$work"/{no-rate.m2v,late.mp3,cut.avcc} aac-8000-1.asc no-such-file ffprobe.txt; do
+echo 'The free text' >"$work/text"
+printf 'G%.0s' {1..2000} >"$work/letters"
+printf '\0\0\0\020ftypavif\0\0\0\0' >"$work/picture"
+printf '\0\0\0\1Bud1\0\0\1\xB6\0\0\1\x20\0\0\1\x67random' >"$work/codes"
+for file in "$work"/{no-rate.m2v,late.mp3,cut.avcc,text,letters,picture,codes} aac-8000-1.asc no-such-file ffprobe.txt; do
   expect_exit 1 probe "$file"
 done
 { printf '\0\0\1\xB3\0\x10\x40'; cat mpeg4-simple.m4v; } | recognised mpeg4

@@ -44,12 +44,14 @@ expect 0 "volume 7 record.path /data 1" ini list a.ini
 [ "$(stat -c %s a.ini)" = 4096 ] || fail "the file has not the size asked for"
 printf 'subvolume = 1\nvolume = 7\n' >b.ini
 printf 'volume = 7\n\0hidden = 1\n' >c.ini
+printf 'a =\n\tx=1\nb = 1\n\t# c\nc = \\\n1' >e.ini
 before=$(md5sum ./*.ini)
-for words in "a.ini color #fff" "a.ini lume 9" "b.ini volume 8" "c.ini volume 8" "new/d.ini color #fff"; do
+for words in "a.ini color #fff" "a.ini lume 9" "b.ini volume 8" "c.ini volume 8" "e.ini "{a,x,b,c}" 8" "new/d.ini color #fff"; do
   # shellcheck disable=SC2086
   expect 1 "left unchanged" ini set $words
 done
 expect 0 '"written": false' ini set b.ini volume 7 --json
+expect 1 "stays at 25 bytes" ini set b.ini volume 7 --fixed-size 100
 expect 1 "no key" ini get a.ini Volume
 expect 1 "No such file" ini set none/deep/a.ini volume 7
 expect 2 value ini set a.ini volume
@@ -70,6 +72,7 @@ expect 0 '"value": 10' meta set word.mp4 1 010 --json
 expect 0 '"value": 10' meta get word.mp4 1 --json
 expect 0 4660 meta get short.mp4 2
 expect 1 "Is a directory" meta get . 1
+expect 0 "-bsf:v dump_extra -f m4v stream.m4v" probe "$recording"
 expect 1 "without user data" userdata word.mp4
 expect 2 4294968 userdata "$recording" --second 4294968
 expect 0 "10 of 10 records written to records, 16 bytes each" userdata "$recording" --size 16 --export records

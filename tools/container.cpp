@@ -29,71 +29,68 @@ struct Box {
 };
 
 // The header of an ISO base media file box (ISO/IEC 14496-12, 4.2), of the types that a file is made of.
-Box box_at(View bytes, size_t offset) {
+Box box_at(View header) {
   constexpr string_view kTypes[] = {"ftyp", "styp", "moov", "mdat", "moof", "free", "skip",
                                     "wide", "pnot", "sidx", "uuid", "mfra", "meta"};
-  const string_view type = text_at(bytes, offset + 4, 4);
+  const string_view type = text_at(header, 4, 4);
   if (std::ranges::find(kTypes, type) == std::end(kTypes)) return {type, 0};
-  const uint64_t size = number_at(bytes, offset, 4);
+  const uint64_t size = number_at(header, 0, 4);
   if (size == 0) return {type, UINT64_MAX};
-  const uint64_t whole = size == 1 ? number_at(bytes, offset + 8, 8) : size;
+  const uint64_t whole = size == 1 ? number_at(header, 8, 8) : size;
   return {type, whole >= (size == 1 ? 16u : 8u) ? whole : 0};
 }
 
-bool is_iso(View head) {
-  const Box first = box_at(head, 0);
-  if (first.size == 0) return false;
-  if (first.type == "ftyp" || first.type == "styp" || first.type == "moov") return true;
-  return first.size >= head.size() || box_at(head, static_cast<size_t>(first.size)).size != 0;
+// Pictures are kept in such files too (ISO/IEC 23008-12); a text may have one type in its first bytes, but
+// not two boxes.
+bool is_iso(const Window& window) {
+  constexpr string_view kPictures[] = {"heic", "heix", "heim", "heis", "mif1",
+                                       "avif", "jp2 ", "jpx ", "crx "};
+  const View head = window.view();
+  const Box first = box_at(head);
+  if (first.type == "moov") return first.size != 0 && text_at(head, 12, 4) == "mvhd";
+  if (first.type != "ftyp" && first.type != "styp")
+    return first.size != 0 && box_at(window.bytes_at(first.size, 16)).size != 0;
+  return first.size != 0 && first.size < 4096 &&
+         std::ranges::find(kPictures, text_at(head, 8, 4)) == std::end(kPictures);
 }
 
-constexpr uint8_t kTsSync = 0x47;
+constexpr size_t kTsPacket = 188;
+
+// The header of a transport stream packet, without the values that are reserved (ISO/IEC 13818-1, 2.4.3.2).
+bool is_ts_packet(View bytes) {
+  return bytes.size() >= 4 && bytes[0] == 0x47 && (bytes[3] & 0x30) != 0 && (bytes[3] & 0xC0) != 0x40;
+}
 
 // Bytes from one packet of a transport stream to the next: 188, 192 with a time stamp in front, 204 with a
-// code behind (ISO/IEC 13818-1, 2.4.3); 0 for something else.
+// code after it; 0 for something else.
 size_t ts_packet_size(View head, size_t first) {
   constexpr size_t kPackets = 5;
-  for (const size_t size : {188, 192, 204}) {
+  for (const size_t size : {kTsPacket, kTsPacket + 4, kTsPacket + 16}) {
     size_t seen = 0;
-    while (first + seen * size < head.size() && head[first + seen * size] == kTsSync) ++seen;
+    while (first + seen * size < head.size() && is_ts_packet(head.subspan(first + seen * size))) ++seen;
     if (seen >= kPackets) return size;
   }
   return 0;
 }
 
-bool is_ts(View head) { return ts_packet_size(head, 0) != 0 || ts_packet_size(head, 4) == 192; }
-
-// Three ADTS frames in a row, or all there are (ISO/IEC 14496-3, 1.A.3.2).
-bool is_adts(View head) {
-  size_t at = 0;
-  int frames = 0;
-  for (; frames < 3 && at < head.size(); ++frames) {
-    constexpr size_t kHeader = 7;
-    const bool is_sync = head.size() - at >= kHeader && (number_at(head, at, 2) & 0xFFF6) == 0xFFF0;
-    const size_t length = is_sync ? number_at(head, at + 3, 3) >> 5 & 0x1FFF : 0;
-    const size_t rate_index = is_sync ? head[at + 2] >> 2 & 0xF : 15;
-    if (length < kHeader || rate_index > 12) return false;
-    at += length;
-  }
-  return frames > 0;
-}
+bool is_ts(View head) { return ts_packet_size(head, 0) != 0 || ts_packet_size(head, 4) == kTsPacket + 4; }
 
 // ---- Codecs
 
 // A bare stream, as ffmpeg writes it.
 struct Format {
-  const char* name;
+  const char* options;
   const char* output;
   bool is_video;
 };
-constexpr Format kH264 = {"h264", "stream.264", true};
-constexpr Format kH265 = {"hevc", "stream.265", true};
-constexpr Format kMpeg4 = {"m4v", "stream.m4v", true};
-constexpr Format kMpeg2 = {"mpeg2video", "stream.m2v", true};
-constexpr Format kMpeg1 = {"mpeg1video", "stream.m1v", true};
-constexpr Format kAac = {"adts", "stream.aac", false};
-constexpr Format kMp3 = {"mp3", "stream.mp3", false};
-constexpr Format kMpegAudio = {"data", "stream.mpa", false};  // of whatever layer
+constexpr Format kH264 = {"-f h264", "stream.264", true};
+constexpr Format kH265 = {"-f hevc", "stream.265", true};
+constexpr Format kMpeg4 = {"-bsf:v dump_extra -f m4v", "stream.m4v", true};
+constexpr Format kMpeg2 = {"-f mpeg2video", "stream.m2v", true};
+constexpr Format kMpeg1 = {"-f mpeg1video", "stream.m1v", true};
+constexpr Format kAac = {"-f adts", "stream.aac", false};
+constexpr Format kMp3 = {"-f mp3", "stream.mp3", false};
+constexpr Format kMpegAudio = {"-f data", "stream.mpa", false};  // of whatever layer
 
 struct Codec {
   string_view name;
@@ -103,7 +100,7 @@ constexpr Codec kIsoCodecs[] = {
     {"avc1", &kH264}, {"avc3", &kH264}, {"hvc1", &kH265}, {"hev1", &kH265}, {".mp3", &kMp3}};
 constexpr Codec kAviCodecs[] = {{"H264", &kH264},  {"X264", &kH264},  {"AVC1", &kH264},  {"HEVC", &kH265},
                                 {"H265", &kH265},  {"XVID", &kMpeg4}, {"DIVX", &kMpeg4}, {"DX50", &kMpeg4},
-                                {"FMP4", &kMpeg4}, {"MP4V", &kMpeg4}};
+                                {"FMP4", &kMpeg4}, {"MPG1", &kMpeg1}, {"MPG2", &kMpeg2}, {"MP4V", &kMpeg4}};
 constexpr Codec kAviSound[] = {{string_view("\x55\0", 2), &kMp3}, {string_view("\xFF\0", 2), &kAac}};
 constexpr Codec kMatroskaCodecs[] = {{"V_MPEG4/ISO/AVC", &kH264},  {"V_MPEGH/ISO/HEVC", &kH265},
                                      {"V_MPEG4/ISO/ASP", &kMpeg4}, {"V_MPEG2", &kMpeg2},
@@ -133,23 +130,16 @@ void each_mark(View bytes, string_view mark, const Take& take) {
   for (size_t at = 0; (at = text.find(mark, at)) != text.npos; ++at) take(at);
 }
 
-// Up to 1 MiB of the movie box, which may stand at the end; what is in view when the input cannot seek.
-std::vector<uint8_t> movie_box(Window& window) {
+// Up to 1 MiB of the movie box, which may stand at the end.
+std::vector<uint8_t> movie_box(const Window& window) {
   constexpr int kMostBoxes = 4096;
-  const View head = window.view();
-  if (!window.input().is_seekable()) return {head.begin(), head.end()};
-  Input file(window.input().reopenable_path());
+  uint64_t at = 0;
   for (int i = 0; i < kMostBoxes; ++i) {
-    uint8_t header[16];
-    const size_t got = file.read(header, sizeof header);
-    const Box box = box_at({header, got}, 0);
-    if (box.type == "moov") {
-      std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(box.size, Window::kRoom)));
-      bytes.resize(file.read(bytes.data(), bytes.size()));
-      return bytes;
-    }
-    if (box.size == 0 || box.size > file.size()) break;
-    file.skip(box.size - got);
+    const std::vector<uint8_t> header = window.bytes_at(at, 16);
+    const Box box = box_at(header);
+    if (box.size == 0 || box.size > INT64_MAX - at) break;
+    if (box.type == "moov") return window.bytes_at(at, std::min<uint64_t>(box.size, Window::kRoom));
+    at += box.size;
   }
   return {};
 }
@@ -169,9 +159,9 @@ uint8_t object_type(View esds, size_t at) {
 }
 
 // "mp4a" and "mp4v" stand for several codecs.
-constexpr Codec kObjectTypes[] = {{"\x20", &kMpeg4}, {"\x60", &kMpeg2}, {"\x61", &kMpeg2},
-                                  {"\x62", &kMpeg2}, {"\x6A", &kMpeg1}, {"\x40", &kAac},
-                                  {"\x67", &kAac},   {"\x69", &kMp3},   {"\x6B", &kMp3}};
+constexpr Codec kObjectTypes[] = {{"\x20", &kMpeg4}, {"\x60", &kMpeg2},     {"\x61", &kMpeg2},
+                                  {"\x62", &kMpeg2}, {"\x6A", &kMpeg1},     {"\x40", &kAac},
+                                  {"\x67", &kAac},   {"\x69", &kMpegAudio}, {"\x6B", &kMpegAudio}};
 
 Found iso_codecs(View movie) {
   Found found;
@@ -230,8 +220,8 @@ Found ts_codecs(View head) {
   const size_t first = ts_packet_size(head, 0) != 0 ? 0 : 4;
   const size_t size = ts_packet_size(head, first);
   Found found;
-  for (size_t at = first; size != 0 && at + 188 <= head.size() && head[at] == kTsSync; at += size) {
-    add_program_map(head.subspan(at, 188), found);
+  for (size_t at = first; size != 0 && at + kTsPacket <= head.size(); at += size) {
+    if (is_ts_packet(head.subspan(at))) add_program_map(head.subspan(at, kTsPacket), found);
   }
   return found;
 }
@@ -246,8 +236,6 @@ Found codecs(StreamKind kind, Window& window) {
       return matroska_codecs(window.view());
     case StreamKind::kMpegTs:
       return ts_codecs(window.view());
-    case StreamKind::kMpegPs:
-      return {&kMpeg2};
     default:
       return {};
   }
@@ -263,15 +251,31 @@ std::string quoted(const std::string& text) {
 
 }  // namespace
 
-StreamKind container_kind(View head) {
+// Three ADTS frames in a row, or all there are (ISO/IEC 14496-3, 1.A.3.2).
+bool is_adts(View view) {
+  size_t at = 0;
+  int frames = 0;
+  for (; frames < 3 && at < view.size(); ++frames) {
+    constexpr size_t kHeader = 7;
+    const bool is_sync = view.size() - at >= kHeader && (number_at(view, at, 2) & 0xFFF6) == 0xFFF0;
+    const size_t length = is_sync ? number_at(view, at + 3, 3) >> 5 & 0x1FFF : 0;
+    const size_t rate_index = is_sync ? view[at + 2] >> 2 & 0xF : 15;
+    if (length < kHeader || rate_index > 12) return false;
+    at += length;
+  }
+  return frames > 1 || (frames == 1 && at == view.size());
+}
+
+StreamKind container_kind(const Window& window) {
+  const View head = window.view();
   constexpr string_view kEbml("\x1A\x45\xDF\xA3");
   constexpr string_view kPack("\0\0\1\xBA", 4);
-  if (is_iso(head)) return StreamKind::kMp4;
+  if (is_iso(window)) return StreamKind::kMp4;
   if (text_at(head, 0, 4) == "RIFF" && text_at(head, 8, 4) == "AVI ") return StreamKind::kAvi;
   if (text_at(head, 0, 4) == kEbml) return StreamKind::kMatroska;
   if (text_at(head, 0, 4) == kPack) return StreamKind::kMpegPs;
   if (is_ts(head)) return StreamKind::kMpegTs;
-  return is_adts(head) ? StreamKind::kAdts : StreamKind::kUnknown;
+  return StreamKind::kUnknown;
 }
 
 std::vector<std::string> ffmpeg_lines(StreamKind kind, Window& window) {
@@ -282,7 +286,7 @@ std::vector<std::string> ffmpeg_lines(StreamKind kind, Window& window) {
   for (const Format* const format : {found.video, found.audio}) {
     if (format == nullptr) continue;
     const char* const stream = format->is_video ? " -map 0:v:0" : " -map 0:a:0";
-    lines.push_back(in + stream + " -c copy -f " + format->name + " " + format->output);
+    lines.push_back(in + stream + " -c copy " + format->options + " " + format->output);
   }
   return lines;
 }

@@ -7,8 +7,9 @@
 
 #include "stream_kind.h"
 
-// kUnknown for what is no container.
-StreamKind container_kind(std::span<const uint8_t> head);
+// kUnknown for what is no container. ADTS is asked for apart: an ID3 tag may stand before it.
+StreamKind container_kind(const Window& window);
+bool is_adts(std::span<const uint8_t> view);
 
 // A command line for each stream, one of video and one of audio at most, that is named in the file and that
 // the library knows.

@@ -1,6 +1,7 @@
 #include "input.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -61,6 +62,18 @@ void Input::skip(uint64_t count) {
     if (got == 0) return;
     count -= got;
   }
+}
+
+std::vector<uint8_t> Window::bytes_at(uint64_t offset, size_t count) const {
+  std::vector<uint8_t> bytes(count);
+  if (input_.is_seekable()) {
+    const ssize_t got = pread(fileno(input_.stream()), bytes.data(), count, static_cast<off_t>(offset));
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  } else {
+    const auto shown = view().subspan(std::min<uint64_t>(offset - offset_, view().size()));
+    bytes.assign(shown.begin(), shown.begin() + static_cast<ptrdiff_t>(std::min(count, shown.size())));
+  }
+  return bytes;
 }
 
 void Window::advance(uint64_t count) {

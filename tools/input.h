@@ -53,6 +53,8 @@ class Window {
   bool reaches_end() const { return ended_; }  // the view does
   Input& input() { return input_; }
 
+  // Up to `count` bytes anywhere in an input that can seek, or of those in view in one that cannot.
+  std::vector<uint8_t> bytes_at(uint64_t offset, size_t count) const;
   // Drops `count` bytes, more than are in view if need be.
   void advance(uint64_t count);
   // Makes the view as large as there is room.

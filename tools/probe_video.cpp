@@ -163,23 +163,24 @@ void report_hvcc(Report& report, View record) {
   report.line("record says", text("profile %u, level %u", info.profile, info.level));
 }
 
-// How many pictures are coded, and how many are skipped.
-void report_vops(Report& report, Window& window, uint32_t time_increment_bits) {
+// How many pictures in view are coded, and how many are skipped.
+void report_vops(Report& report, const Window& window, uint32_t time_increment_bits) {
   constexpr size_t kReach = 160;  // more than VopCheckCoded() ever reads
+  constexpr uint8_t kVopCode = 0xB6;
   uint64_t coded = 0, skipped = 0;
-  const auto look = [&](const StartCodeUnit& unit) {
-    constexpr uint8_t kVopCode = 0xB6;
-    if (unit.bytes[0] != kVopCode) return;
+  UnitReader reader(window.view());
+  for (StartCodeUnit unit; reader.next(unit);) {
+    if (unit.bytes[0] != kVopCode) continue;
     std::array<uint8_t, kReach> start = {0, 0, 1};
     std::copy_n(unit.bytes.begin(), std::min(unit.bytes.size(), start.size() - 3), start.begin() + 3);
     VopCheckCoded(start.data(), time_increment_bits) ? ++coded : ++skipped;
-  };
-  while (look_at_units(window, kReach, look)) {
   }
   if (coded + skipped == 0) return;  // a configuration alone
   report.values["codedPictures"] = coded;
   report.values["skippedPictures"] = skipped;
-  report.line("pictures", std::to_string(coded) + " coded, " + std::to_string(skipped) + " skipped");
+  report.values["countedBytes"] = window.view().size();
+  report.line("pictures", std::to_string(coded) + " coded, " + std::to_string(skipped) + " skipped" +
+                              (window.reaches_end() ? "" : ", in the first MiB"));
 }
 
 void report_mpeg4(Report& report, Window& window) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "container.h"
 #include "qmxutil_audio.h"
@@ -31,17 +32,21 @@ bool is_sequence_header(View unit) {
 }
 
 // Tells MPEG-1/2 from MPEG-4 Part 2 by the last bytes of their start codes; nothing when all of them could be
-// NAL unit headers, whose first bit is 0.
+// NAL unit headers, whose first bit is 0. The first has to be theirs too: an object, a layer or one of those.
 std::optional<StreamKind> kind_of_mpeg(View head) {
-  bool has_sequence = false, has_foreign = false, after_object = false;
+  bool is_first = true, is_theirs = false, has_sequence = false, has_foreign = false, after_object = false;
   UnitReader units(head);
   for (StartCodeUnit unit; units.next(unit);) {
     const uint8_t code = unit.bytes[0];
     const bool is_layer = code >= 0x20 && code <= 0x2F;
+    const bool is_object = code <= 0x1F && unit.bytes.size() == 1;
+    if (std::exchange(is_first, false)) is_theirs = is_object || is_layer || code >= 0x80;
+    if (!is_theirs && code >= 0x80) return StreamKind::kUnknown;
+    if (!is_theirs) continue;
     if (is_layer && after_object) return StreamKind::kMpeg4;
     if (is_layer && has_sequence) return StreamKind::kMpeg12;
     if (code == 0xB0 || code == 0xB1 || code == 0xB6) return StreamKind::kMpeg4;
-    after_object = code <= 0x1F && unit.bytes.size() == 1;
+    after_object = is_object;
     has_sequence = has_sequence || is_sequence_header(unit.bytes);
     has_foreign = has_foreign || code >= 0x80;
   }
@@ -71,15 +76,26 @@ class Sets {
   Bytes stream_;
 };
 
+// By the first bytes of a sequence parameter set (ISO/IEC 14496-10, 7.3.2.1.1), whose type alone is found in
+// any data.
+bool is_likely_sps(View unit) {
+  constexpr uint8_t kProfiles[] = {44,  66,  77,  83,  86,  88,  100, 110, 118,
+                                   122, 128, 134, 135, 138, 139, 144, 244};
+  return unit.size() >= 4 && (unit[0] & 0xE0) != 0 && unit[0] < 0x80 &&
+         std::ranges::find(kProfiles, unit[1]) != std::end(kProfiles) && (unit[2] & 3) == 0 && unit[3] >= 9 &&
+         unit[3] <= 62;
+}
+
+// Looks at the units in view and moves the window on, 64 MiB at most.
 Stream find_parameter_sets(Window& window) {
-  constexpr size_t kLongestSet = 65536;
+  constexpr size_t kLongestSet = 65536, kMostViews = 64;
   Sets h264, h265;
   uint64_t seen = 0;  // types of both, a bit each
   const auto has_all = [&](std::initializer_list<int> types) {
     return std::ranges::all_of(types, [&](int type) { return seen >> type & 1; });
   };
   const auto look = [&](const StartCodeUnit& unit) {
-    if (is_h264_set(unit)) {
+    if (h264_type(unit) == 8 || (h264_type(unit) == 7 && is_likely_sps(unit.bytes))) {
       h264.add(unit);
       seen |= uint64_t{1} << h264_type(unit);
     }
@@ -88,7 +104,14 @@ Stream find_parameter_sets(Window& window) {
       seen |= uint64_t{1} << h265_type(unit);
     }
   };
-  while (look_at_units(window, kLongestSet, look) && !has_all({7, 8}) && !has_all({32, 33, 34})) {
+  for (size_t views = 0; views < kMostViews && !has_all({7, 8}) && !has_all({32, 33, 34}); ++views) {
+    const View view = window.view();
+    const size_t shown = window.reaches_end() ? view.size() : view.size() - kLongestSet;
+    UnitReader reader(view);
+    for (StartCodeUnit unit; reader.next(unit) && unit.bytes.data() - 3 < view.data() + shown;) look(unit);
+    if (window.reaches_end()) break;
+    window.advance(shown);
+    window.fill();
   }
   if (has_h265_parameter_sets(h265.stream())) return {StreamKind::kH265, h265.stream_and_zero()};
   if (has_all({7})) return {StreamKind::kH264, h264.stream_and_zero()};
@@ -209,14 +232,15 @@ bool has_h265_parameter_sets(const Bytes& stream) {
 Stream recognise(Window& window) {
   const View head = window.view();
   if (head.empty()) return {};
-  if (const StreamKind kind = container_kind(head); kind != StreamKind::kUnknown) return {kind, {}};
+  if (const StreamKind kind = container_kind(window); kind != StreamKind::kUnknown) return {kind, {}};
   if (begins_with_start_code(head)) {
     const auto kind = kind_of_mpeg(head);
     return kind ? Stream{*kind, {}} : find_parameter_sets(window);
   }
   if (window.reaches_end() && is_avcc(head)) return {StreamKind::kAvcc, {}};
   if (window.reaches_end() && is_hvcc(head)) return {StreamKind::kHvcc, {}};
-  return {find_mp3(window) ? StreamKind::kMp3 : StreamKind::kUnknown, {}};
+  if (find_mp3(window)) return {StreamKind::kMp3, {}};
+  return {is_adts(window.view()) ? StreamKind::kAdts : StreamKind::kUnknown, {}};
 }
 
 const char* kind_id(StreamKind kind) { return kKindNames[static_cast<size_t>(kind)].id; }

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "error.h"
-#include "input.h"
 #include "qmxutil_string.h"
 
 UnitReader::UnitReader(std::span<const uint8_t> bytes)
@@ -38,18 +37,6 @@ std::vector<StartCodeUnit> start_code_units(std::span<const uint8_t> bytes) {
   UnitReader reader(bytes);
   for (StartCodeUnit unit; reader.next(unit);) units.push_back(unit);
   return units;
-}
-
-bool look_at_units(Window& window, size_t longest, const std::function<void(const StartCodeUnit&)>& look) {
-  const auto view = window.view();
-  const bool last = window.reaches_end();
-  const size_t shown = last ? view.size() : view.size() - longest;
-  UnitReader reader(view);
-  for (StartCodeUnit unit; reader.next(unit) && unit.bytes.data() - 3 < view.data() + shown;) look(unit);
-  if (last) return false;
-  window.advance(shown);
-  window.fill();
-  return true;
 }
 
 std::vector<uint8_t> byte_stream(const std::vector<StartCodeUnit>& units) {

@@ -9,8 +9,6 @@
 #include <span>
 #include <vector>
 
-class Window;
-
 // What stands after a start code prefix, up to the next one less trailing zeros.
 struct StartCodeUnit {
   size_t offset;  // of its start code
@@ -37,10 +35,6 @@ class UnitReader {
 
 std::vector<StartCodeUnit> start_code_units(std::span<const uint8_t> bytes);
 
-// Shows the units in view to `look`, one of more than `longest` bytes perhaps cut, and moves the window on.
-// False when these were the last.
-bool look_at_units(Window& window, size_t longest, const std::function<void(const StartCodeUnit&)>& look);
-
 // Units one after another, each after a four-byte start code: the form that the library's readers of
 // parameter sets and its conversions take.
 std::vector<uint8_t> byte_stream(const std::vector<StartCodeUnit>& units);
@@ -64,8 +58,8 @@ constexpr size_t kHvccArrays = 22;  // offset of numOfArrays in an hvcC
 
 constexpr int h264_type(const StartCodeUnit& unit) { return unit.bytes[0] & 0x1F; }
 constexpr int h265_type(const StartCodeUnit& unit) { return unit.bytes[0] >> 1 & 0x3F; }
-constexpr bool is_h264_set(const StartCodeUnit& unit) { return h264_type(unit) == 7 || h264_type(unit) == 8; }
-// Of the base layer, whose first header byte is even.
+// Of the base layer; but for a PPS of the lowest sub-layer (ISO/IEC 23008-2, 7.4.2.2).
 constexpr bool is_h265_set(const StartCodeUnit& unit) {
-  return h265_type(unit) >= 32 && h265_type(unit) <= 34 && unit.bytes[0] % 2 == 0;
+  return h265_type(unit) >= 32 && h265_type(unit) <= 34 && unit.bytes[0] % 2 == 0 && unit.bytes.size() > 2 &&
+         unit.bytes[1] >> 3 == 0 && (unit.bytes[0] == 0x44 || unit.bytes[1] == 1);
 }
