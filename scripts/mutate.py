@@ -24,7 +24,7 @@ from pathlib import Path
 
 USER = 61234  # nobody's, and not the one that daemons share
 FIRST = {  # the tests of a family; then all the others
-    "string": ["text_test"], "simd": ["text_test", "video_test"], "video": ["video_test"],
+    "string": ["text_test"], "simd": ["simd_test", "text_test", "video_test"], "video": ["video_test"],
     "audio": ["audio_test"], "ini": ["ini_test", "failure_test"], "process": ["process_test"],
     "signal": ["signal_test"], "timer": ["timer_test"], "usage": ["usage_test"], "userdata": ["userdata_test"],
     "reader": ["reader_test"], "platform": ["basecheck"],
