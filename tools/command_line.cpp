@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <new>
 #include <optional>
+#include <sstream>
 
 #include "error.h"
+#include "output.h"
 
 // ---- Declaration
 
@@ -138,9 +140,22 @@ int report_usage_error(const CLI::App& app, const std::exception& error) {
   return 2;
 }
 
+// CLI11 lets lines run on; the columns of what is explained begin at the 31st.
+int print_help(const CLI::App& app) {
+  constexpr size_t kColumn = 30;
+  std::istringstream lines(app.help());
+  for (std::string line; std::getline(lines, line);) {
+    const bool is_explained = line.rfind("  ", 0) == 0;
+    std::printf("%s\n", wrapped(line, is_explained ? kColumn : 0).c_str());
+  }
+  return 0;
+}
+
 int run(CLI::App& app, int argc, char** argv) {
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return print_help(app);
   } catch (const CLI::ParseError& error) {
     return error.get_exit_code() == 0 ? app.exit(error) : report_usage_error(app, error);
   } catch (const UsageError& error) {

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <map>
 #include <memory>
+#include <vector>
 
 #include "commands.h"
 #include "container.h"
@@ -153,49 +153,61 @@ struct Totals {
   }
 };
 
-// The rows are kept until the largest is known: eight bytes each, so that a recording of days does not
-// matter.
-Totals print_table(const Input& input, bool h265) {
-  constexpr size_t kShownTypes = 200;
-  struct Row {
-    uint32_t length;
-    uint32_t types;
-  };
-  std::vector<Row> rows;
-  std::vector<std::string> types;
-  std::map<std::string, uint32_t> numbers;
-  uint32_t largest = 1;
-  size_t widest = 5;
+// A row a unit. The first rows wait until it is known how long their bars and how wide their types are; later
+// ones take what those leave, so that a recording of days takes no more memory.
+class Table {
+ public:
+  void add(const Unit& unit) {
+    constexpr size_t kMostKept = 65536, kShownTypes = 200;
+    if (bar_width_ > 0) return print(unit);
+    kept_.push_back(unit);
+    kept_.back().types = fitted(unit.types, kShownTypes);
+    largest_ = std::max(largest_, unit.length);
+    widest_ = std::max(widest_, kept_.back().types.size());
+    if (kept_.size() == kMostKept) print_kept();
+  }
+  void print_kept() {
+    if (bar_width_ > 0) return;
+    constexpr size_t kFixed = 33, kLeastBar = 10, kMostBar = 40;
+    const size_t columns = std::max(terminal_columns(), kFixed + kLeastBar + 5);
+    widest_ = std::min(widest_, columns - kFixed - kLeastBar);
+    bar_width_ = std::min(columns - kFixed - widest_, kMostBar);
+    std::printf("%6s  %10s  %8s  %s\n", "unit", "offset", "bytes", "types");
+    for (const Unit& unit : kept_) print(unit);
+  }
+
+ private:
+  void print(const Unit& unit) {
+    const uint64_t share = std::min(unit.length, largest_);
+    const auto bar = static_cast<size_t>((share * bar_width_ + largest_ - 1) / largest_);
+    std::printf("%6" PRIu64 "  %10" PRIu64 "  %8u  %-*s  %s\n", printed_++, unit.offset, unit.length,
+                static_cast<int>(widest_), fitted(unit.types, widest_).c_str(),
+                std::string(bar, '#').c_str());
+  }
+
+  std::vector<Unit> kept_;
+  uint32_t largest_ = 1;
+  size_t widest_ = 5;
+  size_t bar_width_ = 0;  // until the first row is printed
+  uint64_t printed_ = 0;
+};
+
+void print_table(const Input& input, bool h265) {
+  Table table;
   Totals totals;
   read_units(input, h265, [&](const Unit& unit) {
-    const auto [it, is_new] =
-        numbers.emplace(fitted(unit.types, kShownTypes), static_cast<uint32_t>(types.size()));
-    if (is_new) types.push_back(it->first);
-    rows.push_back({unit.length, it->second});
-    largest = std::max(largest, unit.length);
-    widest = std::max(widest, it->first.size());
+    table.add(unit);
     totals.add(unit);
   });
-  constexpr size_t kFixed = 33, kLeastBar = 10, kMostBar = 40;
-  const size_t columns = std::max(terminal_columns(), kFixed + kLeastBar + 5);
-  widest = std::min(widest, columns - kFixed - kLeastBar);
-  const size_t bar_width = std::min(columns - kFixed - widest, kMostBar);
-  std::printf("%6s  %10s  %8s  %s\n", "unit", "offset", "bytes", "types");
-  uint64_t offset = 0;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const auto bar = static_cast<size_t>((uint64_t{rows[i].length} * bar_width + largest - 1) / largest);
-    std::printf("%6zu  %10" PRIu64 "  %8u  %-*s  %s\n", i, offset, rows[i].length, static_cast<int>(widest),
-                fitted(types[rows[i].types], widest).c_str(), std::string(bar, '#').c_str());
-    offset += rows[i].length;
-  }
+  table.print_kept();
+  const uint64_t bytes = input.size();
   std::printf("%" PRIu64 " units, %" PRIu64 " pictures, %" PRIu64 " bytes", totals.units, totals.pictures,
-              offset);
-  if (totals.pictures > 0) std::printf(", on average %" PRIu64 " a picture", offset / totals.pictures);
+              bytes);
+  if (totals.pictures > 0) std::printf(", on average %" PRIu64 " a picture", bytes / totals.pictures);
   std::printf("\n");
-  return totals;
 }
 
-Totals print_as_json(const Input& input, bool h265) {
+void print_as_json(const Input& input, bool h265) {
   std::printf("{\n  \"file\": %s,\n  \"codec\": \"%s\",\n  \"bytes\": %" PRIu64 ",\n  \"frames\": [",
               Json(input.name()).in_one_line().c_str(), h265 ? "h265" : "h264", input.size());
   Totals totals;
@@ -207,7 +219,6 @@ Totals print_as_json(const Input& input, bool h265) {
   });
   std::printf("\n  ],\n  \"unitCount\": %" PRIu64 ",\n  \"pictures\": %" PRIu64 "\n}\n", totals.units,
               totals.pictures);
-  return totals;
 }
 
 struct FramesOptions {
@@ -251,8 +262,8 @@ void add_frames_command(const Command& app) {
       .one_of({"h264", "h265"});
   command.option("--json", options->as_json, "print JSON");
   command.footer(
-      "The first unit holds the parameter sets alone. An H.265 unit ends with one slice of type TRAIL_R or\n"
-      "IDR_W_RADL, slices of other types come in front of it; and until such a slice or another PPS comes\n"
+      "The first unit holds the parameter sets alone. An H.265 unit ends with one slice of type TRAIL_R or "
+      "IDR_W_RADL, slices of other types come in front of it; and until such a slice or another PPS comes "
       "right after a PPS, each PPS ends a unit.\nExample: qmxutil frames clip.264");
   command.runs([options] { run_frames(*options); });
 }
