@@ -34,7 +34,8 @@ recording avi 5*N 1/5 ticks.avi -reserve_index_space 0
 # An edit list: records 2040 ms late, and 3 ticks of a clock of 90 kHz, which ffmpeg rounds off.
 recording mov 90000*N+183603 1/90000 late.mov -movflags faststart
 # Movie fragments, their offsets from the start of the file, of the moof, and of nothing that is said.
-recording mov N 1/1 fragments.mov -g 5 -movflags frag_keyframe+empty_moov
+# The first one begins before the track does.
+recording mov N-2 1/1 fragments.mov -g 5 -avoid_negative_ts disabled -movflags frag_keyframe+empty_moov+frag_discont
 recording mov 90000*N+183603 1/90000 fragments-late.mov -g 10 -movflags frag_keyframe+delay_moov+default_base_moof
 recording mov N 1/1 fragments-after-moov.mov -g 12 -movflags frag_keyframe+omit_tfhd_offset
 { recording mov N 1/1 - -g 5 -movflags frag_keyframe+empty_moov || true; } 2>/dev/null | cut_off cut-off.mov 5400

@@ -185,10 +185,11 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
 TEST_F(ReaderTest, ReadsRecordingsOfAnotherWriter) {  // scripts/make-recording.sh
   const struct {
     const char* name;
-    uint32_t container, duration, first, count;
+    uint32_t container, duration;
+    int first, count;
   } files[] = {{"timed-metadata.mov", 1, 10000, 0, 10},
                {"late.mov", 1, 11041, 2040, 10},
-               {"fragments.mov", 1, 10000, 0, 10},
+               {"fragments.mov", 1, 10000, -2000, 10},
                {"fragments-late.mov", 1, 12040, 2040, 10},
                {"fragments-after-moov.mov", 1, 10000, 0, 10},
                {"cut-off.mov", 1, 5000, 0, 5},
@@ -197,8 +198,9 @@ TEST_F(ReaderTest, ReadsRecordingsOfAnotherWriter) {  // scripts/make-recording.
                {"cut-off.avi", 2, 4000, 0, 5}};
   for (const auto& file : files) {
     Records records;
-    for (uint32_t i = 0; i < file.count; ++i) {
-      records.emplace_back(file.first + i * 1000, "record " + std::to_string(i) + string(32, '.'));
+    for (int i = 0; i < file.count; ++i) {
+      records.emplace_back(std::max(file.first + i * 1000, 0),
+                           "record " + std::to_string(i) + string(32, '.'));
     }
     EXPECT_EQ(read_all(TEST_DATA_DIR "/" + string(file.name)),
               Reading(file.container, file.duration, records, 0, 0))

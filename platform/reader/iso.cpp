@@ -134,8 +134,10 @@ void find_edit(Source& in, IsoTrack& track, uint64_t time) {
   }
 }
 
-// When the presentation comes to what the track has at `time`; what lies before an edit comes at its start.
-uint64_t presentation_ms(Source& in, IsoTrack& track, uint64_t time) {
+// When the presentation comes to what the track has at `media_time`; what lies before an edit comes at its
+// start. Times are signed, in two's complement: a fragment may begin before the track does.
+uint64_t presentation_ms(Source& in, IsoTrack& track, uint64_t media_time) {
+  const uint64_t time = media_time >> 63 != 0 ? 0 : media_time;
   find_edit(in, track, time);
   const uint64_t after = time - std::min(time, track.edits.media_time);
   return narrow((Wide{track.edits.start} * track.timescale + Wide{after} * track.movie_timescale) * 1000 /
@@ -445,9 +447,7 @@ bool IsoTrack::next(Source& in, Record& record) {
     return false;
   }
   const int64_t shift = static_cast<int32_t>(sample.composition_offset);
-  const uint64_t shown =
-      shift < 0 ? time - std::min(time, static_cast<uint64_t>(-shift)) : time + static_cast<uint64_t>(shift);
-  record = {sample.offset, sample.size, presentation_ms(in, *this, shown)};
+  record = {sample.offset, sample.size, presentation_ms(in, *this, time + static_cast<uint64_t>(shift))};
   time += sample.duration;
   return true;
 }
