@@ -64,6 +64,17 @@ void Input::skip(uint64_t count) {
   }
 }
 
+std::optional<QMXReaderInfo> recording_info(const std::string& path) {
+  QMXReaderParam param = {};
+  param.path = path.c_str();
+  QMXReader* reader = nullptr;
+  if (QMXReaderOpen(&reader, &param) < 0) return std::nullopt;
+  QMXReaderInfo info = {};
+  const bool is_read = QMXReaderGetInfo(reader, &info) >= 0;
+  QMXReaderClose(reader);
+  return is_read ? std::optional(info) : std::nullopt;
+}
+
 std::vector<uint8_t> Window::bytes_at(uint64_t offset, size_t count) const {
   std::vector<uint8_t> bytes(count);
   if (input_.is_seekable()) {

@@ -4,9 +4,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "qmx_reader.h"
 
 // A file, or standard input for "-". Failures are thrown with what the system says.
 class Input {
@@ -39,6 +42,9 @@ class Input {
   std::string name_;
   std::unique_ptr<FILE, Close> file_;
 };
+
+// What the media file reader tells of a recording; nothing when it cannot read it.
+std::optional<QMXReaderInfo> recording_info(const std::string& path);
 
 // A stretch of an input that moves on, so that an input of any size takes little memory.
 class Window {

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "input.h"
 #include "output.h"
 #include "qmxutil_userdata.h"
 
@@ -26,17 +27,10 @@ bool is_byte(const MetaOptions& options) { return options.type == QMX_META_BYTE;
 // A 0 from QMXUtil_MetaDataRead() may be a value or a failure.
 QMXReaderInfo require_field(const std::string& path) {
   require_file(path);
-  QMXReaderParam param = {};
-  param.path = path.c_str();
-  QMXReader* reader = nullptr;
-  if (QMXReaderOpen(&reader, &param) < 0) {
-    throw CommandError(path + ": no recording that the media file reader can read");
-  }
-  QMXReaderInfo info = {};
-  const bool found = QMXReaderGetInfo(reader, &info) >= 0 && info.metaPresent != 0;
-  QMXReaderClose(reader);
-  if (!found) throw CommandError(path + ": a recording without a metadata field");
-  return info;
+  const std::optional<QMXReaderInfo> info = recording_info(path);
+  if (!info) throw CommandError(path + ": no recording that the media file reader can read");
+  if (info->metaPresent == 0) throw CommandError(path + ": a recording without a metadata field");
+  return *info;
 }
 
 [[noreturn]] void fail_for_type(const MetaOptions& options) {

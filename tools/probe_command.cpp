@@ -6,27 +6,19 @@
 #include "container.h"
 #include "output.h"
 #include "probe_report.h"
-#include "qmx_reader.h"
 
 namespace {
 
 // What the media file reader tells of a recording.
 void report_recording(Report& report, const Input& input) {
-  const std::string path = input.reopenable_path();
-  QMXReaderParam param = {};
-  param.path = path.c_str();
-  QMXReader* reader = nullptr;
-  if (QMXReaderOpen(&reader, &param) < 0) throw CommandError("the media file reader cannot read it");
-  QMXReaderInfo info = {};
-  const bool read = QMXReaderGetInfo(reader, &info) >= 0;
-  QMXReaderClose(reader);
-  if (!read) throw CommandError("the media file reader tells nothing of it");
-  report.values["durationMs"] = info.durationMs;
-  report.line("duration", text("%.3f s", info.durationMs / 1000.0));
-  report.number("userDataRecords", info.userDataPresent != 0 ? info.userDataCount : 0, "user data records");
-  report.values["metadata"] = info.metaPresent != 0 ? Json(info.metaValue) : Json();
+  const std::optional<QMXReaderInfo> info = recording_info(input.reopenable_path());
+  if (!info) throw CommandError("the media file reader cannot read it");
+  report.values["durationMs"] = info->durationMs;
+  report.line("duration", text("%.3f s", info->durationMs / 1000.0));
+  report.number("userDataRecords", info->userDataPresent != 0 ? info->userDataCount : 0, "user data records");
+  report.values["metadata"] = info->metaPresent != 0 ? Json(info->metaValue) : Json();
   report.line("metadata field",
-              info.metaPresent != 0 ? text("%u (0x%X)", info.metaValue, info.metaValue) : "none");
+              info->metaPresent != 0 ? text("%u (0x%X)", info->metaValue, info->metaValue) : "none");
 }
 
 void report_container(Report& report, StreamKind kind, Window& window) {

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "input.h"
 #include "output.h"
 #include "qmxutil_userdata.h"
 
@@ -65,18 +66,11 @@ UserData open_recording(const UserDataOptions& options) {
   UserData handle(QMXUtil_UserDataOpen(options.file.c_str(), options.record_size));
   if (handle != nullptr) return handle;
   require_file(options.file);
-  QMXReaderParam param = {};
-  param.path = options.file.c_str();
-  QMXReader* reader = nullptr;
-  if (QMXReaderOpen(&reader, &param) < 0) {
-    throw CommandError(options.file + ": no recording that the media file reader can read");
-  }
-  QMXReaderInfo info = {};
-  QMXReaderGetInfo(reader, &info);
-  QMXReaderClose(reader);
-  const bool has_records = info.userDataPresent != 0 && info.userDataCount > 0;
+  const std::optional<QMXReaderInfo> info = recording_info(options.file);
+  if (!info) throw CommandError(options.file + ": no recording that the media file reader can read");
+  const bool has_records = info->userDataPresent != 0 && info->userDataCount > 0;
   throw CommandError(options.file + (has_records ? ": not enough memory for its " +
-                                                       std::to_string(info.userDataCount) + " records"
+                                                       std::to_string(info->userDataCount) + " records"
                                                  : ": a recording without user data"));
 }
 
