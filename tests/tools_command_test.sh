@@ -44,7 +44,7 @@ expect 0 "volume 7 record.path /data 1" ini list a.ini
 [ "$(stat -c %s a.ini)" = 4096 ] || fail "the file has not the size asked for"
 printf 'subvolume = 1\nvolume = 7\n' >b.ini
 printf 'volume = 7\n\0hidden = 1\n' >c.ini
-printf 'a =\n\tx=1\nb = 1\n\t# c\nc = \\\n1' >e.ini
+printf 'a =\n\tw=1\n\tx=1\nb = 1\n\t# c\nc = \\\n1' >e.ini
 before=$(md5sum ./*.ini)
 for words in "a.ini color #fff" "a.ini lume 9" "b.ini volume 8" "c.ini volume 8" "e.ini "{a,x,b,c}" 8" "new/d.ini color #fff"; do
   # shellcheck disable=SC2086

@@ -112,7 +112,7 @@ bool is_part_of_longer_value(const std::string& text, const Pair& pair) {
   for (std::string line; std::getline(lines, line);) {
     const size_t indent = line.find_first_not_of(kWhiteSpace);
     if (indent == line.npos || line[indent] == '#' || line[indent] == ';') continue;
-    indent_above = line[indent] == '[' ? text.npos : indent;
+    indent_above = line[indent] == '[' ? text.npos : std::min(indent_above, indent);
   }
   return pair.begin - (text.rfind('\n', pair.begin) + 1) > indent_above;
 }
