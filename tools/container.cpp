@@ -266,14 +266,19 @@ bool is_adts(View view) {
   return frames > 1 || (frames == 1 && at == view.size());
 }
 
+// A pack header of MPEG-2 or MPEG-1 (ISO/IEC 13818-1, 2.5.3.3; ISO/IEC 11172-1, 2.4.3.2).
+bool is_pack(View head) {
+  const uint64_t start = number_at(head, 0, 5);
+  return (start & 0xFFFFFFFFC4) == 0x000001BA44 || (start & 0xFFFFFFFFF1) == 0x000001BA21;
+}
+
 StreamKind container_kind(const Window& window) {
   const View head = window.view();
   constexpr string_view kEbml("\x1A\x45\xDF\xA3");
-  constexpr string_view kPack("\0\0\1\xBA", 4);
   if (is_iso(window)) return StreamKind::kMp4;
   if (text_at(head, 0, 4) == "RIFF" && text_at(head, 8, 4) == "AVI ") return StreamKind::kAvi;
   if (text_at(head, 0, 4) == kEbml) return StreamKind::kMatroska;
-  if (text_at(head, 0, 4) == kPack) return StreamKind::kMpegPs;
+  if (is_pack(head)) return StreamKind::kMpegPs;
   if (is_ts(head)) return StreamKind::kMpegTs;
   return StreamKind::kUnknown;
 }

@@ -27,8 +27,10 @@ bool begins_with_start_code(View bytes) {
 // which is shorter.
 bool is_sequence_header(View unit) {
   constexpr size_t kLeast = 9;
-  const uint8_t frame_rate_code = unit.size() >= kLeast ? unit[4] & 0x0F : 0;
-  return unit[0] == 0xB3 && frame_rate_code >= 1 && frame_rate_code <= 8;
+  if (unit.size() < kLeast || unit[0] != 0xB3) return false;
+  const uint8_t frame_rate_code = unit[4] & 0x0F;
+  const bool has_marker = (unit[7] & 0x20) != 0;
+  return frame_rate_code >= 1 && frame_rate_code <= 8 && has_marker;
 }
 
 // Tells MPEG-1/2 from MPEG-4 Part 2 by the last bytes of their start codes; nothing when all of them could be
