@@ -360,7 +360,9 @@ TEST_F(IniTest, WhatIsReadUntilNothingMoreComesIsTheText) {
 }
 
 TEST_F(IniTest, AnEmptyFileHasNothingToRead) {
+  umask(0);
   INIHandle* const handle = open("");
+  EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms(0755));
   char value[8] = "before";
   EXPECT_EQ(QMXUtil_INISearch(handle, "k", value), 0);
   EXPECT_STREQ(value, "");

@@ -34,7 +34,7 @@ Reading read_all(const string& path) {
   if (QMXReaderOpen(&reader, &param) < 0) return {};
   EXPECT_GE(QMXReaderGetInfo(reader, &info), 0);
   Records records;
-  for (uint32_t i = 0; i <= std::min(info.userDataCount, 10000u); ++i) {
+  for (uint32_t i = 0; i < std::min(info.userDataCount, 10000u) + 2; ++i) {
     const GuardedBytes room(in_room(""));
     QMXReaderFrame frame = {};
     frame.data = room.data();
@@ -44,7 +44,7 @@ Reading read_all(const string& path) {
     EXPECT_TRUE(!is_read || i < info.userDataCount);
     records.emplace_back(frame.timeMs, is_read ? string(room.text(), room.size()) : "");
   }
-  records.pop_back();
+  records.resize(records.size() - 2);
   QMXReaderClose(reader);
   EXPECT_EQ(info.userDataPresent, info.userDataCount > 0);
   EXPECT_EQ(info.metaPresent, info.metaValue != 0);
@@ -162,13 +162,16 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
                            box("traf", tfhd + full_box("trun", 0, be(2, 4))) +
                            box("traf", tfhd + tfdt + full_box("trun", 0x1000E00, two)));
   };
-  SparseFile file = mp4.file();
   const string fragment = moof(moof(0).size()) + box("mdat", "anotheranotheronetwo34four");
-  const string beyond_file = full_box("trun", 1, be(1, 4) + be(1 << 20, 4));
-  file.tail += fragment + box("moof", box("traf", tfhd + beyond_file)) + fragment;
   Records records = {{50, "table"}, {150, "one"}, {200, "two"}, {200, "34"}, {300, "four"}};
   for (auto& record : records) record.second = in_room(record.second);
-  EXPECT_EQ(read(file), Reading(1, 12345, records, 0, 0));
+  SparseFile file;
+  for (const uint64_t at : {size_t{1} << 20, fragment.size() + 51}) {  // beyond the file, on its last byte
+    file = mp4.file();
+    file.tail += fragment;
+    file.tail += box("moof", box("traf", tfhd + full_box("trun", 1, be(1, 4) + be(at, 4)))) + fragment;
+    EXPECT_EQ(read(file), Reading(1, 12345, records, 0, 0));
+  }
   for (const uint32_t size : {0, 1}) {  // no more records than bytes, the same ones again and again
     mp4.boxes = box("mvex", full_box("trex", 0, be(2, 4) + be(1, 4) + be(100, 4) + be(size, 4) + be(0, 4)));
     string runs;
@@ -177,9 +180,13 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
     file.tail += box("moof", box("traf", tfhd + runs));
     EXPECT_EQ(std::get<Records>(read(file)).size(), file.head.size() + file.tail.size());
   }
-  mp4.chunks = {{{"first"}}, {}, {{"no longer"}}};  // so do tables
+  mp4.chunks = {{{"first"}}, {}, {{"no"}}, {{"longer"}}};  // so do tables
   mp4.boxes = mp4.elst = "";
-  EXPECT_EQ(read(mp4.file()), Reading(1, 0, {{0, in_room("first")}, {0, ""}}, 0, 0));
+  EXPECT_EQ(read(mp4.file()), Reading(1, 0, {{0, in_room("first")}, {0, ""}, {0, ""}}, 0, 0));
+  mp4.chunks = {{{string(99, 'x')}}};
+  file = mp4.file();
+  file.tail.replace(file.tail.find("stsz") + 16, 4, be(1 << 20, 4));
+  EXPECT_EQ(read(file), Reading(1, 0, {{0, ""}}, 0, 0));
 }
 
 TEST_F(ReaderTest, ReadsRecordingsOfAnotherWriter) {  // scripts/make-recording.sh

@@ -305,7 +305,7 @@ void write_results() {
   Stream stream = over_old_text(QMX_FILE_WRITE_IN_PLACE);
   for (const int64_t count : {INT64_C(2), INT64_C(0), INT64_C(-1), INT64_C(5)}) {
     const int64_t written = QMX_FileWrite(stream.get(), "a text", count);
-    expect(count < 0 ? written <= 0 : written == count, "%ld for %ld bytes", written, count);
+    expect(written == std::max(count, INT64_C(0)), "%ld for %ld bytes", written, count);
   }
   expect(QMX_FileSync(stream.get()) == 0, "a sync does not give 0");
   expect(QMX_FileClose(stream.release()) == 0, "a close does not give 0");
@@ -314,7 +314,8 @@ void write_results() {
   QMX_FileSync(stream.get());
   expect_content("line\n", "after fputs() and a sync");
   stream = over_old_text(QMX_FILE_READ);
-  expect(QMX_FileRead(stream.get(), nullptr, -1) <= 0, "less than no bytes are read");
+  char text[100];
+  expect(QMX_FileRead(stream.get(), text, -1) <= 0, "less than no bytes are read");
   expect(QMX_FileWrite(stream.get(), "XY", 2) < 2, "a stream for reading takes a write");
 }
 
