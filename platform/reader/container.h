@@ -12,8 +12,8 @@ namespace qmxbase {
 // has read more than the file's size warrants: no file makes a reader run on.
 struct Source {
   static constexpr uint64_t kWorkOfSmallFile = 1u << 16;
-  static constexpr uint64_t kMostWork = 1u << 25;
-  static constexpr uint64_t kWorkOfFilling = 32;  // the window, against one read from it
+  static constexpr uint64_t kMostWork = 1u << 26;
+  static constexpr uint64_t kWorkOfFilling = 64;  // the window, against one read from it
 
   int fd;
   bool gave_up;  // for too much work

@@ -153,6 +153,11 @@ struct Sample {
   uint32_t composition_offset;  // signed, in two's complement
 };
 
+uint64_t composition_time(const IsoTrack& track, const Sample& sample) {
+  const int64_t offset = static_cast<int32_t>(sample.composition_offset);
+  return track.time + static_cast<uint64_t>(offset);
+}
+
 bool read_table(Source& in, const Box& box, uint32_t entry_size, Table& table) {
   Fields fields(in, box);
   const uint32_t entry_count = fields.u32();
@@ -396,13 +401,14 @@ bool read_movie(Source& in, const Box& moov, IsoTrack& movie, uint64_t& duration
 
 // Those of the tables are as many as these say; those of the fragments are looked at.
 uint64_t count_samples(Source& in, IsoTrack& track, uint64_t& duration_ms) {
-  uint64_t count = track.table.samples_left;
+  uint64_t count = track.table.samples_left, last = 0;
   track.fragments.room -= std::min(track.fragments.room, count);
   IsoTrack counting = track;
-  counting.table.samples_left = 0;
-  for (Record record; counting.next(in, record); ++count) {
-    duration_ms = std::max(duration_ms, record.time_ms);
+  for (Sample sample; take_of_fragments(in, counting, sample); ++count) {
+    last = composition_time(counting, sample);
+    counting.time += sample.duration;
   }
+  duration_ms = std::max(duration_ms, presentation_ms(in, counting, last));
   return count;
 }
 
@@ -446,8 +452,7 @@ bool IsoTrack::next(Source& in, Record& record) {
     fragments.room = 0;  // the same
     return false;
   }
-  const int64_t shift = static_cast<int32_t>(sample.composition_offset);
-  record = {sample.offset, sample.size, presentation_ms(in, *this, time + static_cast<uint64_t>(shift))};
+  record = {sample.offset, sample.size, presentation_ms(in, *this, composition_time(*this, sample))};
   time += sample.duration;
   return true;
 }
