@@ -244,7 +244,7 @@ TEST_F(ReaderTest, NoFileKeepsTheReaderBusy) {
   string trexs, trafs;
   for (int i = 0; i < 20000; ++i) {
     trexs += full_box("trex", 0, be(7, 20));
-    trafs += box("traf", full_box("tfhd", 0, be(2, 4)));
+    trafs += box("traf", full_box("tfhd", 0, be(i, 4)));
   }
   mp4.boxes = box("mvex", trexs);
   SparseFile searches = mp4.file(),

@@ -109,9 +109,14 @@ struct SampleTable {
   uint64_t offset;
 };
 
+struct Trex {
+  uint32_t track_id, default_duration, default_size;
+};
+
 // The samples of movie fragments: moof, with what its boxes say of the run at hand.
 struct Fragments {
   BoxList file, moof, traf;
+  Trex trexs[8];  // of those read last, at the remainder of their track_id
   uint64_t moof_begin;
   uint32_t track_id;  // tfhd
   uint64_t base;

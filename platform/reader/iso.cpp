@@ -2,6 +2,7 @@
 //
 // A list of boxes ends where one does not fit. What is missing then, or lies, shows when it is asked for.
 #include <algorithm>
+#include <iterator>
 
 #include "container.h"
 
@@ -219,18 +220,22 @@ bool take_of_table(Source& in, SampleTable& table, Sample& sample) {
 
 // ---- Movie fragments
 
-// The defaults of a track's fragments.
-void read_trex(Source& in, const Box& mvex, Fragments& fragments) {
-  Box trex;
-  for (BoxList list = {mvex.begin, mvex.end}; list.next(in, trex);) {
-    if (trex.type != fourcc("trex")) continue;
-    Fields fields(in, trex);
+// The defaults of the fragments of the track that is at hand.
+Trex find_trex(Source& in, const Box& mvex, Fragments& fragments) {
+  Trex& trex = fragments.trexs[fragments.track_id % std::size(fragments.trexs)];
+  if (trex.track_id == fragments.track_id) return trex;
+  trex = {fragments.track_id, 0, 0};
+  Box box;
+  for (BoxList list = {mvex.begin, mvex.end}; list.next(in, box);) {
+    if (box.type != fourcc("trex")) continue;
+    Fields fields(in, box);
     if (fields.u32() != fragments.track_id) continue;
     fields.u32();  // default_sample_description_index
-    fragments.default_duration = fields.u32();
-    fragments.default_size = fields.u32();
-    return;
+    trex.default_duration = fields.u32();
+    trex.default_size = fields.u32();
+    break;
   }
+  return trex;
 }
 
 bool read_tfhd(Source& in, const Box& tfhd, IsoTrack& track) {
@@ -239,13 +244,13 @@ bool read_tfhd(Source& in, const Box& tfhd, IsoTrack& track) {
   Fragments& fragments = track.fragments;
   Fields fields(in, tfhd);
   fragments.track_id = fields.u32();
-  fragments.default_duration = fragments.default_size = 0;
-  if (~fields.flags & (kDefaultDuration | kDefaultSize)) read_trex(in, track.mvex, fragments);
   if (fields.flags & kDefaultBaseIsMoof) fragments.offset = fragments.moof_begin;
   if (fields.flags & kBaseDataOffset) fragments.offset = fields.u64();
   if (fields.flags & kSampleDescriptionIndex) fields.u32();
-  if (fields.flags & kDefaultDuration) fragments.default_duration = fields.u32();
-  if (fields.flags & kDefaultSize) fragments.default_size = fields.u32();
+  const bool has_both = (~fields.flags & (kDefaultDuration | kDefaultSize)) == 0;
+  const Trex trex = has_both ? Trex{} : find_trex(in, track.mvex, fragments);
+  fragments.default_duration = fields.flags & kDefaultDuration ? fields.u32() : trex.default_duration;
+  fragments.default_size = fields.flags & kDefaultSize ? fields.u32() : trex.default_size;
   fragments.base = fragments.offset;  // without flags: where the data of the track before ends
   return fields.whole;
 }
