@@ -29,6 +29,7 @@ expect 0 3723250 text field time At: <lines
 expect 0 '{"line":3,"value":"01"}' text field --json word At: <lines
 expect 1 "no line" text field dec Key: <lines
 expect 2 KIND text field number <lines
+expect 0 "" text base64 decode </dev/null
 expect 1 "character 3" text hex decode <<<12g4
 expect 1 "cut short" text hex decode <<<123
 expect 1 "character 4" text base64 decode <<<'QUJ!'

@@ -40,7 +40,7 @@ std::string read_dense(Input& input) {
 }
 
 void write_out(const void* bytes, size_t count) {
-  if (std::fwrite(bytes, 1, count, stdout) != count) flush_output();  // which tells why
+  if (count > 0 && std::fwrite(bytes, 1, count, stdout) != count) flush_output();  // which tells why
 }
 
 // Encodes piece by piece; a piece is a whole number of Base64 groups.
