@@ -1,6 +1,7 @@
 // Audio headers against a plain model of header and search, in buffers ending at an unreadable page.
 #include <cstring>
 #include <map>
+#include <span>
 
 #include "bytes.h"
 #include "qmxutil_audio.h"
@@ -167,6 +168,11 @@ TEST_F(AudioTest, AacConfigurationsAndSamplesPerFrame) {
   for (uint32_t format = 0; format < 300; ++format) {
     EXPECT_EQ(QMXUtil_GetAudioSampleSize(format), samples.contains(format) ? samples.at(format) : 0);
   }
+  uint32_t sum = 0;  // of the tables, those parts that this library itself does not use too
+  const std::span<const uint32_t> bit_rates(&MP3Bitrate[0][0][0], 96);
+  for (const auto& table : {bit_rates, {MP3SampleRate}, {MP3SampleNum}, {AACSampleRates}})
+    for (const uint32_t entry : table) sum = 31 * sum + entry;
+  EXPECT_EQ(sum, 1401271624u);
 }
 
 }  // namespace

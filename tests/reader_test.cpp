@@ -9,8 +9,10 @@
 #include "recordings.h"
 
 static int reads;  // of the reader: this program stands before the C library in the search order
+static bool is_broken = false;
 extern "C" ssize_t pread(int fd, void* to, size_t count, off_t offset) {
-  ++reads;
+  errno = is_broken ? EIO : EINTR;
+  if (is_broken || ++reads % 8 == 0) return -1;  // signals interrupt some
   return syscall(SYS_pread64, fd, to, count, offset);
 }
 
@@ -153,12 +155,13 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
   mp4.elst = be(50, 4) + be(UINT32_MAX, 4) + be(1, 4);
   mp4.elst += be(150, 4) + be(0, 4) + be(1, 4) + be(0, 4) + be(330, 4) + be(1, 4);
   const string trex = full_box("trex", 0, be(2, 4) + be(1, 4) + be(100, 4) + be(3, 4) + be(0, 4));
-  mp4.boxes = box("mvex", full_box("mehd", 0, be(12345, 4)) + full_box("trex", 0, be(7, 20)) + trex);
+  mp4.boxes = box("mvex", full_box("mehd", 0, be(12345, 4)) + full_box("trex", 0, be(7, 20)) +
+                              full_box("trep", 0, be(2, 4) + be(7, 16)) + trex);
   const string two = be(2, 4) + be(2, 4) + be(7, 4) + be(-20, 4) + be(4, 4) + be(7, 4) + be(20, 4);
   const string tfhd = full_box("tfhd", 0, be(2, 4)), tfdt = full_box("tfdt", 0, be(310, 4));
   const auto moof = [&](uint64_t size) {
     const string run = full_box("trun", 1, be(2, 4) + be(size + 8, 4));
-    return box("moof", box("traf", full_box("tfhd", 0x20010, be(1, 4) + be(7, 4)) + tfdt + run) +
+    return box("moof", box("traf", full_box("tfhd", 0x20012, be(1, 4) + be(1, 4) + be(7, 4)) + tfdt + run) +
                            box("traf", tfhd + full_box("trun", 0, be(2, 4))) +
                            box("traf", tfhd + tfdt + full_box("trun", 0x1000E00, two)));
   };
@@ -187,6 +190,12 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
   file = mp4.file();
   file.tail.replace(file.tail.find("stsz") + 16, 4, be(1 << 20, 4));
   EXPECT_EQ(read(file), Reading(1, 0, {{0, ""}}, 0, 0));
+  file.tail.replace(file.tail.find("stsz") + 8, 8,
+                    be(1, 4) + be(UINT32_MAX, 4));  // more than there is room for
+  EXPECT_EQ(read(file), Reading());
+  file = mp4.file();
+  file.tail.replace(file.tail.find("moov") - 4, 4, be(1 << 20, 4));
+  EXPECT_EQ(read(file), Reading());
 }
 
 TEST_F(ReaderTest, ReadsRecordingsOfAnotherWriter) {  // scripts/make-recording.sh
@@ -236,6 +245,17 @@ TEST_F(ReaderTest, IndicesAreFollowedAsFarAsTheyMakeSense) {
   const size_t places = repeats.head.find("ix01") + 32;
   repeats.head.replace(places + 8, 8, repeats.head.substr(places, 8));
   for (const SparseFile& file : {leads_back, other_kind, repeats}) EXPECT_EQ(read(file), reading);
+  leads_back.head.replace(leads_back.head.find("movi"), 4, "none") += chunk("01tx", "outside of it");
+  leads_back.tail = "";
+  EXPECT_EQ(read(leads_back), Reading(2, 4000, {}, 0, 0));
+  for (uint32_t* const field : {&avi.rate, &avi.scale}) {  // no clock
+    *field = 0;
+    EXPECT_EQ(read(avi.file()), Reading());
+    *field = 1;
+  }
+  is_broken = true;
+  EXPECT_EQ(read(avi.file()), Reading());
+  is_broken = false;
 }
 
 TEST_F(ReaderTest, NoFileKeepsTheReaderBusy) {
