@@ -108,4 +108,5 @@ if (ulimit -v 65536 && "$qmxutil" --version) >/dev/null 2>&1; then # not with a 
   cp h264-high.264 "$work/large"
   truncate -s 4G "$work/large"
   (ulimit -v 65536 && "$qmxutil" probe "$work/large" >/dev/null) || fail "4 GiB in 64 MiB"
+  grep -q '10 units, 9 pictures' <("$qmxutil" frames "$work/large" 2>&1) || fail "units before zeros"
 fi

@@ -110,10 +110,17 @@ class Progress {
   bool shown_ = false;
 };
 
+struct Totals {
+  uint64_t units = 0;
+  uint64_t pictures = 0;
+  uint64_t bytes = 0;
+  std::string failure = {};  // why they are not of the whole file
+};
+
 // Reads unit after unit. The readers take none larger than their buffer: then it grows, and they try again
 // from where the unit began.
 template <class Take>
-void read_units(const Input& input, bool h265, const Take& take) {
+Totals read_units(const Input& input, bool h265, const Take& take) {
   const std::unique_ptr<FILE, CloseFile> file(QMX_FileOpen(input.reopenable_path().c_str(), QMX_FILE_READ));
   if (file == nullptr) fail_as_system_said(input.name());
   const uint64_t file_size = input.size();
@@ -121,13 +128,14 @@ void read_units(const Input& input, bool h265, const Take& take) {
   uint32_t room = kFirstBuffer;
   auto buffer = std::make_unique_for_overwrite<uint8_t[]>(room);
   Progress progress;
+  Totals totals;
   for (Unit unit = {}; unit.offset < file_size;) {
     unit.length = read(file.get(), buffer.get(), room - 1);
     if (std::ferror(file.get()) != 0) fail_as_system_said(input.name());
     if (unit.length == 0) {
       if (room >= kLargestBuffer) {
-        throw CommandError(input.name() + ": no unit ends within 32 MiB from byte " +
-                           std::to_string(unit.offset) + " on");
+        totals.failure = "no unit ends within 32 MiB from byte " + std::to_string(unit.offset) + " on";
+        break;
       }
       buffer.reset();
       buffer = std::make_unique_for_overwrite<uint8_t[]>(room *= 2);
@@ -138,20 +146,14 @@ void read_units(const Input& input, bool h265, const Take& take) {
     buffer[unit.length] = 0;  // for the reader of units; what stands after this one is scratch
     look_into(unit, {buffer.get(), unit.length}, h265);
     take(unit);
-    unit = {unit.offset + unit.length, 0, 0, {}};
+    ++totals.units;
+    totals.pictures += unit.pictures;
+    totals.bytes = unit.offset + unit.length;
+    unit = {totals.bytes, 0, 0, {}};
     progress.show(unit.offset, file_size);
   }
+  return totals;
 }
-
-struct Totals {
-  uint64_t units = 0;
-  uint64_t pictures = 0;
-
-  void add(const Unit& unit) {
-    ++units;
-    pictures += unit.pictures;
-  }
-};
 
 // A row a unit. The first rows wait until it is known how long their bars and how wide their types are; later
 // ones take what those leave, so that a recording of days takes no more memory.
@@ -192,33 +194,28 @@ class Table {
   uint64_t printed_ = 0;
 };
 
-void print_table(const Input& input, bool h265) {
+Totals print_table(const Input& input, bool h265) {
   Table table;
-  Totals totals;
-  read_units(input, h265, [&](const Unit& unit) {
-    table.add(unit);
-    totals.add(unit);
-  });
+  const Totals totals = read_units(input, h265, [&](const Unit& unit) { table.add(unit); });
   table.print_kept();
-  const uint64_t bytes = input.size();
   std::printf("%" PRIu64 " units, %" PRIu64 " pictures, %" PRIu64 " bytes", totals.units, totals.pictures,
-              bytes);
-  if (totals.pictures > 0) std::printf(", on average %" PRIu64 " a picture", bytes / totals.pictures);
+              totals.bytes);
+  if (totals.pictures > 0) std::printf(", on average %" PRIu64 " a picture", totals.bytes / totals.pictures);
   std::printf("\n");
+  return totals;
 }
 
-void print_as_json(const Input& input, bool h265) {
+Totals print_as_json(const Input& input, bool h265) {
   std::printf("{\n  \"file\": %s,\n  \"codec\": \"%s\",\n  \"bytes\": %" PRIu64 ",\n  \"frames\": [",
               Json(input.name()).in_one_line().c_str(), h265 ? "h265" : "h264", input.size());
-  Totals totals;
-  read_units(input, h265, [&](const Unit& unit) {
+  const Totals totals = read_units(input, h265, [&](const Unit& unit) {
     const Json row = {
         {"offset", unit.offset}, {"bytes", unit.length}, {"pictures", unit.pictures}, {"units", unit.types}};
-    std::printf("%s\n    %s", totals.units > 0 ? "," : "", row.in_one_line().c_str());
-    totals.add(unit);
+    std::printf("%s\n    %s", unit.offset > 0 ? "," : "", row.in_one_line().c_str());
   });
   std::printf("\n  ],\n  \"unitCount\": %" PRIu64 ",\n  \"pictures\": %" PRIu64 "\n}\n", totals.units,
               totals.pictures);
+  return totals;
 }
 
 struct FramesOptions {
@@ -243,7 +240,8 @@ void run_frames(const FramesOptions& options) {
                        ": no parameter sets of an H.264 or H.265 byte stream; --codec says which");
   }
   const bool h265 = options.codec.empty() ? kind == StreamKind::kH265 : options.codec == "h265";
-  options.as_json ? print_as_json(input, h265) : print_table(input, h265);
+  const Totals totals = options.as_json ? print_as_json(input, h265) : print_table(input, h265);
+  if (!totals.failure.empty()) throw CommandError(input.name() + ": " + totals.failure);
   if (is_known && h265 != (kind == StreamKind::kH265)) {
     throw CommandError(input.name() + ": " + kind_name(kind) +
                        " by its parameter sets; --codec makes no sense of it");
