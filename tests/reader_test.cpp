@@ -157,16 +157,16 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
   const string trex = full_box("trex", 0, be(2, 4) + be(1, 4) + be(100, 4) + be(3, 4) + be(0, 4));
   mp4.boxes = box("mvex", full_box("mehd", 0, be(12345, 4)) + full_box("trex", 0, be(7, 20)) +
                               full_box("trep", 0, be(2, 4) + be(7, 16)) + trex);
-  const string two = be(2, 4) + be(2, 4) + be(7, 4) + be(-20, 4) + be(4, 4) + be(7, 4) + be(20, 4);
+  const string two = be(2, 4) + be(2, 4) + be(7, 4) + be(40, 4) + be(4, 4) + be(7, 4) + be(-20, 4);
   const string tfhd = full_box("tfhd", 0, be(2, 4)), tfdt = full_box("tfdt", 0, be(310, 4));
   const auto moof = [&](uint64_t size) {
     const string run = full_box("trun", 1, be(2, 4) + be(size + 8, 4));
-    return box("moof", box("traf", full_box("tfhd", 0x20012, be(1, 4) + be(1, 4) + be(7, 4)) + tfdt + run) +
+    return box("moof", box("traf", full_box("tfhd", 0x20012, be(10, 4) + be(1, 4) + be(7, 4)) + tfdt + run) +
                            box("traf", tfhd + full_box("trun", 0, be(2, 4))) +
                            box("traf", tfhd + tfdt + full_box("trun", 0x1000E00, two)));
   };
   const string fragment = moof(moof(0).size()) + box("mdat", "anotheranotheronetwo34four");
-  Records records = {{50, "table"}, {150, "one"}, {200, "two"}, {200, "34"}, {300, "four"}};
+  Records records = {{50, "table"}, {150, "one"}, {200, "two"}, {220, "34"}, {260, "four"}};
   for (auto& record : records) record.second = in_room(record.second);
   SparseFile file;
   for (const uint64_t at : {size_t{1} << 20, fragment.size() + 51}) {  // beyond the file, on its last byte
@@ -175,6 +175,11 @@ TEST_F(ReaderTest, FragmentsGoOnWhereTheTablesEnd) {
     file.tail += box("moof", box("traf", tfhd + full_box("trun", 1, be(1, 4) + be(at, 4)))) + fragment;
     EXPECT_EQ(read(file), Reading(1, 12345, records, 0, 0));
   }
+  mp4.boxes = box("mvex", trex);
+  file = mp4.file();
+  file.tail += fragment.substr(0, fragment.size() - 4);
+  records.pop_back();
+  EXPECT_EQ(read(file), Reading(1, 220, records, 0, 0));  // cut off: as long as its records
   for (const uint32_t size : {0, 1}) {  // no more records than bytes, the same ones again and again
     mp4.boxes = box("mvex", full_box("trex", 0, be(2, 4) + be(1, 4) + be(100, 4) + be(size, 4) + be(0, 4)));
     string runs;
