@@ -44,6 +44,7 @@ TEST_F(UsageTest, RefusedLinesAreTraced) {  // the fuzz target holds both line p
   EXPECT_EQ(usage_cpu_parse("cpu 1 -2 3 -4", &sample), 0);
   EXPECT_EQ(recording().trace_texts(), Texts{"Error! (1, 3, -4)\n"});
   EXPECT_EQ(sample.total, 5);
+  EXPECT_EQ(usage_cpu_parse("cpu 1 2 3 4", &sample), 1);
 }
 
 UsageCpuLoad load_between(const UsageCpuSample& prev, const UsageCpuSample& cur) {
