@@ -36,6 +36,8 @@ Reading read_all(const string& path) {
   if (QMXReaderOpen(&reader, &param) < 0) return {};
   EXPECT_GE(QMXReaderGetInfo(reader, &info), 0);
   Records records;
+  QMXReaderFrame of_video = {};
+  EXPECT_LT(QMXReaderReadFrame(reader, &of_video), 0);
   for (uint32_t i = 0; i < std::min(info.userDataCount, 10000u) + 2; ++i) {
     const GuardedBytes room(in_room(""));
     QMXReaderFrame frame = {};
@@ -250,6 +252,11 @@ TEST_F(ReaderTest, IndicesAreFollowedAsFarAsTheyMakeSense) {
   const size_t places = repeats.head.find("ix01") + 32;
   repeats.head.replace(places + 8, 8, repeats.head.substr(places, 8));
   for (const SparseFile& file : {leads_back, other_kind, repeats}) EXPECT_EQ(read(file), reading);
+  SparseFile renamed = avi.file();
+  renamed.head.replace(renamed.head.find("second") - 8, 4, "02tx");  // a chunk of another stream
+  Reading without_second = reading;
+  std::get<Records>(without_second)[1] = {0, ""};
+  EXPECT_EQ(read(renamed), without_second);
   leads_back.head.replace(leads_back.head.find("movi"), 4, "none") += chunk("01tx", "outside of it");
   leads_back.tail = "";
   EXPECT_EQ(read(leads_back), Reading(2, 4000, {}, 0, 0));
