@@ -102,7 +102,9 @@ Bytes converted(const ConvertOptions& options, Window& window) {
   const View bytes = window.view();
   if (options.to == "lengths") return to_lengths(bytes);
   const Stream stream = recognise(window);
-  if (is_container(stream.kind)) throw CommandError(kind_name(stream.kind));
+  if (is_container(stream.kind))
+    throw CommandError(kind_name(stream.kind) +
+                       std::string("; `qmxutil probe` tells how to take its streams out"));
   if (options.to == "annexb") return to_annexb(bytes, stream.kind, options.from);
   return options.to == "avcc" ? to_avcc(bytes, stream) : to_hvcc_arrays(bytes, stream);
 }

@@ -1,4 +1,6 @@
 // qmxutil ini: settings of an INI file, read and changed.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -157,6 +159,11 @@ class NewFile {
     is_new_ = !std::filesystem::exists(file_, ignored);
     has_new_directory_ = !directory_.empty() && !std::filesystem::exists(directory_, ignored);
   }
+  // Throws with the system's reason when it could not be made.
+  void require_place() const {
+    if (is_new_ && access(directory_.empty() ? "." : directory_.c_str(), W_OK) != 0)
+      fail_as_system_said(file_);
+  }
   void take_back() const {
     std::error_code ignored;
     if (is_new_) std::filesystem::remove(file_, ignored);
@@ -200,7 +207,9 @@ void set(const IniOptions& options) {
   if (is_set(options)) return;
   const NewFile created(options.file);
   const INIAttr attr = {1, options.fixed_size, options.lock};
-  Ini ini = require_open(Ini(QMXUtil_INIOpenEx(options.file.c_str(), &attr)), options.file);
+  Ini ini(QMXUtil_INIOpenEx(options.file.c_str(), &attr));
+  if (ini == nullptr) created.require_place();
+  ini = require_open(std::move(ini), options.file);
   const std::optional<std::string> wanted = with_only_change(ini, options);
   std::string read_back;
   const bool changed = wanted && !hides_text(ini, options.file) &&
@@ -221,6 +230,7 @@ void set(const IniOptions& options) {
   const Ini now = open_to_read(options.file);
   if (text != text_of(now)) {
     require_file(options.file, O_WRONLY);
+    created.take_back();
     throw CommandError(options.file + ": the change did not reach the file");
   }
   print_set(options, now, fixed, true);
