@@ -47,11 +47,10 @@ bool is_iso(const Window& window) {
                                        "avif", "jp2 ", "jpx ", "crx "};
   const View head = window.view();
   const Box first = box_at(head);
-  if (first.type == "moov") return first.size != 0 && text_at(head, 12, 4) == "mvhd";
-  if (first.type != "ftyp" && first.type != "styp")
-    return first.size != 0 && box_at(window.bytes_at(first.size, 16)).size != 0;
-  return first.size != 0 && first.size < 4096 &&
-         std::ranges::find(kPictures, text_at(head, 8, 4)) == std::end(kPictures);
+  if (first.size == 0) return false;
+  if (first.type == "moov" && text_at(head, 12, 4) == "mvhd") return true;
+  if (first.type != "ftyp" && first.type != "styp") return box_at(window.bytes_at(first.size, 16)).size != 0;
+  return first.size < 4096 && std::ranges::find(kPictures, text_at(head, 8, 4)) == std::end(kPictures);
 }
 
 constexpr size_t kTsPacket = 188;
