@@ -73,14 +73,6 @@ bool wait_for(Condition condition) {
   return condition();
 }
 
-// What arrives with a signal of this code and value.
-void call_handler(int sig, void* value, int code = SI_TIMER) {
-  siginfo_t info = {};
-  info.si_code = code;
-  info.si_value.sival_ptr = value;
-  qmxutil_timer_handler(sig, &info, nullptr);
-}
-
 sigset_t mask() {
   sigset_t set = {};  // the C library fills the kernel's part alone
   pthread_sigmask(SIG_SETMASK, nullptr, &set);
@@ -93,6 +85,16 @@ sigset_t block_timer_signal() {
   sigaddset(&timer_only, kSignal);
   pthread_sigmask(SIG_BLOCK, &timer_only, &before);
   return before;
+}
+
+// What arrives with a signal of this code and value; as in a handler, the signal itself is kept back.
+void call_handler(int sig, void* value, int code = SI_TIMER) {
+  const sigset_t before = block_timer_signal();
+  siginfo_t info = {};
+  info.si_code = code;
+  info.si_value.sival_ptr = value;
+  qmxutil_timer_handler(sig, &info, nullptr);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 class TimerTest : public qmxtest::BaseTest {
