@@ -83,11 +83,9 @@ inline size_t find_start_code_prefix(const uint8_t* data, size_t from, size_t le
   if (length < from + 18) return plain::find_start_code_prefix(data, from, length);
   const uint8_t* p = data + from;
   const uint8_t* const end = data + length;
-  while (end - p >= 130) {
-    if (!may_begin_in_128(p)) {
-      p += 128;
-      continue;
-    }
+  for (;;) {
+    while (end - p >= 130 && !may_begin_in_128(p)) p += 128;
+    if (end - p < 130) break;
     // Zeros are about, and likely to go on: for a while only the 01 is looked for.
     const uint8_t* const stop = p + std::min(kWithZeros, (end - p - 2) / kAtOnce * kAtOnce);
     p = first_with_zeros(p, stop);
