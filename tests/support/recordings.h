@@ -74,7 +74,8 @@ struct Mp4 {
                                              box("minf", box("stbl", tables))));
     };
     const std::string traks = chunks.empty() ? "" : trak(2, "meta", stbl) + trak(3, "meta", "");
-    const std::string moov = header("mvhd", 1000, duration) + trak(1, "vide", "") + traks + boxes;
+    const std::string moov =
+        header("mvhd", 1000, duration) + box("trak", box("mdia", "")) + trak(1, "vide", "") + traks + boxes;
     return {be(1, 4) + "mdat" + be(16 + hole + data.size(), 8), hole,
             data + (is_wide ? be(1, 4) + "moov" + be(16 + moov.size(), 8) + moov : box("moov", moov))};
   }
