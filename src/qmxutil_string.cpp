@@ -135,7 +135,7 @@ int compare_ignoring_case(const uint8_t* a, const uint8_t* b, size_t limit) {
     while (i < limit && !ends_at(i)) ++i;
     return difference;
   }
-#pragma GCC unroll 8
+#pragma GCC unroll 16
   for (size_t i = 0; i < kSingly; ++i) {
     if (ends_at(i)) return difference;
   }
